@@ -1,0 +1,98 @@
+#include <QtTest>
+
+// Runs the sova tool as a user would and checks what it prints and how it exits.
+class tst_SovaCli : public QObject {
+    Q_OBJECT
+
+private:
+    struct Result {
+        int status;
+        QString out;
+        QString err;
+    };
+
+    static Result run(const QStringList& arguments)
+    {
+        QProcess process;
+        process.start(QStringLiteral(SOVA_BINARY), arguments);
+        if (!process.waitForFinished(30000))
+            return {-1, QString(), QStringLiteral("did not finish")};
+        return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -2,
+                QString::fromUtf8(process.readAllStandardOutput()),
+                QString::fromUtf8(process.readAllStandardError())};
+    }
+
+private slots:
+    void exitStatus_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QString>("stderrPattern");
+        QTest::newRow("no command") << QStringList{} << 2 << "";
+        QTest::newRow("unknown command") << QStringList{"frobnicate"} << 2
+                                         << "unknown command 'frobnicate'";
+        QTest::newRow("help") << QStringList{"help"} << 0 << "";
+        QTest::newRow("help of a command") << QStringList{"help", "options"} << 0 << "";
+        QTest::newRow("help of nothing") << QStringList{"help", "nothing"} << 2
+                                         << "unknown command 'nothing'";
+        QTest::newRow("version with arguments") << QStringList{"version", "x"} << 2
+                                                << "takes no arguments";
+        QTest::newRow("options without key") << QStringList{"options", "a=1"} << 2
+                                             << "needs an option string and a key";
+    }
+
+    void exitStatus()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(int, status);
+        QFETCH(QString, stderrPattern);
+        const Result r = run(arguments);
+        QCOMPARE(r.status, status);
+        if (!stderrPattern.isEmpty())
+            QVERIFY2(r.err.contains(stderrPattern), qPrintable(r.err));
+        if (status == 0)
+            QVERIFY2(r.err.isEmpty(), qPrintable(r.err));
+    }
+
+    void helpListsEveryCommand()
+    {
+        const Result r = run({QStringLiteral("help")});
+        for (const char* name : {"help", "version", "options"})
+            QVERIFY2(r.out.contains(QRegularExpression(QStringLiteral("^  %1 ").arg(
+                         QLatin1String(name)), QRegularExpression::MultilineOption)),
+                     qPrintable(r.out));
+    }
+
+    void version()
+    {
+        const Result r = run({QStringLiteral("version")});
+        QCOMPARE(r.status, 0);
+        QVERIFY2(r.out.startsWith(QStringLiteral("sova 3.11.5.1\nlibsovacore version 3.11.5.1 (")),
+                 qPrintable(r.out));
+    }
+
+    void options()
+    {
+        const Result r = run({QStringLiteral("options"),
+                              QStringLiteral("sr=44100,nc=2,name='a, b',g=[0.5,1]"),
+                              QStringLiteral("nc"), QStringLiteral("name"), QStringLiteral("g"),
+                              QStringLiteral("nbits")});
+        QCOMPARE(r.status, 0);
+        const QStringList blocks = r.out.split(QRegularExpression(QStringLiteral("\n(?=\\S)")));
+        QCOMPARE(blocks.size(), 4);
+        QVERIFY2(blocks[0].contains(QStringLiteral("integer: 2\n")), qPrintable(blocks[0]));
+        QVERIFY2(blocks[0].contains(QStringLiteral("boolean: -\n")), qPrintable(blocks[0]));
+        QVERIFY2(blocks[1].contains(QStringLiteral("text:    a, b\n")), qPrintable(blocks[1]));
+        QVERIFY2(blocks[1].contains(QStringLiteral("integer: -\n")), qPrintable(blocks[1]));
+        QVERIFY2(blocks[2].contains(QStringLiteral("vector:  [0.5,1] (2 elements)")),
+                 qPrintable(blocks[2]));
+        QVERIFY2(blocks[2].contains(QStringLiteral("matrix:  [[0.5,1]] (1 x 2)")),
+                 qPrintable(blocks[2]));
+        QVERIFY2(blocks[3].contains(QStringLiteral("text:    (absent or empty)")),
+                 qPrintable(blocks[3]));
+        QVERIFY2(blocks[3].contains(QStringLiteral("double:  -\n")), qPrintable(blocks[3]));
+    }
+};
+
+QTEST_GUILESS_MAIN(tst_SovaCli)
+#include "tst_sovacli.moc"

@@ -1,0 +1,21 @@
+#include "command.h"
+
+#include <QSova>
+#include <QtSovaCore>
+
+namespace {
+
+int runVersion(const QStringList& arguments)
+{
+    if (!arguments.isEmpty())
+        return usageError("version", QStringLiteral("takes no arguments"));
+    out() << "sova " << QTSOVACORE_VERSION_STR << Qt::endl
+          << QString::fromLatin1(QtSovaCoreVersionString()) << Qt::endl
+          << "Qt " << qVersion() << Qt::endl;
+    return ExitOk;
+}
+
+} // namespace
+
+const Command versionCommand = {
+    "version", "Show the versions of sova, its library and Qt", "", "", runVersion};

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+#include <QTextStream>
+
+// One subcommand of the sova tool.
+struct Command {
+    const char* name;
+    const char* summary; // one line for "sova help"
+    const char* usage;   // arguments after the name, for "sova help NAME"
+    const char* help;    // further lines for "sova help NAME", may be empty
+    // Runs with the arguments after the name; returns the exit status.
+    int (*run)(const QStringList& arguments);
+};
+
+// Exit statuses of the tool.
+enum ExitStatus { ExitOk = 0, ExitFailure = 1, ExitUsage = 2 };
+
+QTextStream& out();
+QTextStream& err();
+
+// Writes "sova: NAME: message" to standard error; returns ExitFailure.
+int fail(const char* command, const QString& message);
+
+// Writes the usage error and a pointer to "sova help NAME"; returns ExitUsage.
+int usageError(const char* command, const QString& message);
+
+// Every subcommand, in the order "sova help" lists them.
+const QList<const Command*>& commands();
+
+extern const Command versionCommand;
+extern const Command optionsCommand;
