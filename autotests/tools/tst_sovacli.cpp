@@ -37,6 +37,11 @@ private slots:
                                          << "unknown command 'nothing'";
         QTest::newRow("version with arguments") << QStringList{"version", "x"} << 2
                                                 << "takes no arguments";
+        QTest::newRow("unknown option") << QStringList{"--bogus"} << 2
+                                        << "Unknown option 'bogus'";
+        QTest::newRow("unknown option of a command") << QStringList{"version", "--short"} << 2
+                                                     << "Unknown option 'short'";
+        QTest::newRow("command --help") << QStringList{"options", "--help"} << 0 << "";
         QTest::newRow("options without key") << QStringList{"options", "a=1"} << 2
                                              << "needs an option string and a key";
     }
@@ -61,6 +66,14 @@ private slots:
             QVERIFY2(r.out.contains(QRegularExpression(QStringLiteral("^  %1 ").arg(
                          QLatin1String(name)), QRegularExpression::MultilineOption)),
                      qPrintable(r.out));
+    }
+
+    void negativeValueAfterDoubleDash()
+    {
+        const Result r = run({QStringLiteral("options"), QStringLiteral("--"),
+                              QStringLiteral("-gain=-3"), QStringLiteral("-gain")});
+        QCOMPARE(r.status, 0);
+        QVERIFY2(r.out.contains(QStringLiteral("integer: -3\n")), qPrintable(r.out));
     }
 
     void version()

@@ -29,10 +29,17 @@ QString joinRow(const QVector<double>& row)
 
 int runOptions(const QStringList& arguments)
 {
-    if (arguments.size() < 2)
-        return usageError("options", QStringLiteral("needs an option string and a key"));
-    const QString options = arguments.first();
-    for (const QString& key : arguments.mid(1)) {
+    QCommandLineParser parser;
+    parser.addPositionalArgument(QStringLiteral("string"), QStringLiteral("The option string."));
+    parser.addPositionalArgument(QStringLiteral("key"), QStringLiteral("Keys to read."),
+                                 QStringLiteral("KEY..."));
+    const int status = parseCommand(optionsCommand, parser, arguments, 2,
+                                    QStringLiteral("needs an option string and a key"));
+    if (status >= 0)
+        return status;
+    const QStringList positional = parser.positionalArguments();
+    const QString options = positional.first();
+    for (const QString& key : positional.mid(1)) {
         out() << key << Qt::endl;
         const QString text = QSova::getStringValueFromString(options, key, QString());
         out() << "  text:    " << (text.isEmpty() ? QStringLiteral("(absent or empty)") : text)

@@ -7,7 +7,11 @@ namespace {
 
 int runVersion(const QStringList& arguments)
 {
-    if (!arguments.isEmpty())
+    QCommandLineParser parser;
+    const int status = parseCommand(versionCommand, parser, arguments, 0, QString());
+    if (status >= 0)
+        return status;
+    if (!parser.positionalArguments().isEmpty())
         return usageError("version", QStringLiteral("takes no arguments"));
     out() << "sova " << QTSOVACORE_VERSION_STR << Qt::endl
           << QString::fromLatin1(QtSovaCoreVersionString()) << Qt::endl

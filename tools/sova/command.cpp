@@ -29,6 +29,34 @@ int usageError(const char* command, const QString& message)
     return ExitUsage;
 }
 
+void printCommandHelp(const Command& command)
+{
+    out() << "Usage: sova " << command.name;
+    if (*command.usage)
+        out() << ' ' << command.usage;
+    out() << Qt::endl << command.summary << Qt::endl;
+    if (*command.help)
+        out() << Qt::endl << command.help << Qt::endl;
+}
+
+int parseCommand(const Command& command, QCommandLineParser& parser, const QStringList& arguments,
+                 int minimumPositional, const QString& missingMessage)
+{
+    const QCommandLineOption helpOption({QStringLiteral("h"), QStringLiteral("help")},
+                                        QStringLiteral("Show this help."));
+    parser.addOption(helpOption);
+    // The parser expects the program name first.
+    if (!parser.parse(QStringList{QStringLiteral("sova")} + arguments))
+        return usageError(command.name, parser.errorText());
+    if (parser.isSet(helpOption)) {
+        printCommandHelp(command);
+        return ExitOk;
+    }
+    if (parser.positionalArguments().size() < minimumPositional)
+        return usageError(command.name, missingMessage);
+    return -1;
+}
+
 const QList<const Command*>& commands()
 {
     static const QList<const Command*> all = {&versionCommand, &optionsCommand};

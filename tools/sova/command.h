@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QCommandLineParser>
 #include <QString>
 #include <QStringList>
 #include <QTextStream>
@@ -25,6 +26,16 @@ int fail(const char* command, const QString& message);
 
 // Writes the usage error and a pointer to "sova help NAME"; returns ExitUsage.
 int usageError(const char* command, const QString& message);
+
+// Prints "Usage: sova NAME USAGE", the summary and the help text.
+void printCommandHelp(const Command& command);
+
+// Parses a command's arguments with parser, whose options and positional arguments the
+// command has added; adds -h/--help. Returns -1 to go on, else the exit status to return
+// (after printing the help, or a usage error when the parse fails or fewer than
+// minimumPositional positional arguments are given).
+int parseCommand(const Command& command, QCommandLineParser& parser, const QStringList& arguments,
+                 int minimumPositional, const QString& missingMessage);
 
 // Every subcommand, in the order "sova help" lists them.
 const QList<const Command*>& commands();

@@ -1,8 +1,10 @@
 // sova: the command-line face of the Sova audio core.
 #include "command.h"
 
+#include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QSova>
+#include <qtsovacoreversion.h>
 
 namespace {
 
@@ -15,31 +17,33 @@ const Command* findCommand(const QString& name)
     return nullptr;
 }
 
+void listCommands()
+{
+    out() << "Usage: sova COMMAND [ARGUMENTS]" << Qt::endl
+          << Qt::endl
+          << "Commands:" << Qt::endl;
+    out() << QStringLiteral("  %1 %2")
+                 .arg(QStringLiteral("help"), -10)
+                 .arg(QStringLiteral("Show this list, or the help of one command"))
+          << Qt::endl;
+    for (const Command* command : commands())
+        out() << QStringLiteral("  %1 %2")
+                     .arg(QLatin1String(command->name), -10)
+                     .arg(QLatin1String(command->summary))
+              << Qt::endl;
+    out() << Qt::endl << "Run 'sova help COMMAND' for the arguments of a command." << Qt::endl;
+}
+
 int showHelp(const QStringList& arguments)
 {
     if (arguments.isEmpty()) {
-        out() << "Usage: sova COMMAND [ARGUMENTS]" << Qt::endl << Qt::endl
-              << "Commands:" << Qt::endl;
-        out() << QStringLiteral("  %1 %2").arg(QStringLiteral("help"), -10)
-                     .arg(QStringLiteral("Show this list, or the help of one command"))
-              << Qt::endl;
-        for (const Command* command : commands())
-            out() << QStringLiteral("  %1 %2")
-                         .arg(QLatin1String(command->name), -10)
-                         .arg(QLatin1String(command->summary))
-                  << Qt::endl;
-        out() << Qt::endl << "Run 'sova help COMMAND' for the arguments of a command." << Qt::endl;
+        listCommands();
         return ExitOk;
     }
     const Command* command = findCommand(arguments.first());
     if (!command)
         return usageError("help", QStringLiteral("unknown command '%1'").arg(arguments.first()));
-    out() << "Usage: sova " << command->name;
-    if (*command->usage)
-        out() << ' ' << command->usage;
-    out() << Qt::endl << command->summary << Qt::endl;
-    if (*command->help)
-        out() << Qt::endl << command->help << Qt::endl;
+    printCommandHelp(*command);
     return ExitOk;
 }
 
@@ -49,17 +53,36 @@ int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("sova"));
-    QStringList arguments = QCoreApplication::arguments().mid(1);
+    QCoreApplication::setApplicationVersion(QLatin1String(QTSOVACORE_VERSION_STR));
+
+    // Options before the command belong to sova; everything from the command on is the
+    // command's own, parsed by its own parser.
+    QCommandLineParser parser;
+    parser.setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsPositionalArguments);
+    const QCommandLineOption helpOption({QStringLiteral("h"), QStringLiteral("help")},
+                                        QStringLiteral("Show the list of commands."));
+    const QCommandLineOption versionOption(QStringLiteral("version"),
+                                           QStringLiteral("Show the versions."));
+    parser.addOption(helpOption);
+    parser.addOption(versionOption);
+    parser.addPositionalArgument(QStringLiteral("command"), QStringLiteral("What to do."));
+    if (!parser.parse(QCoreApplication::arguments())) {
+        err() << "sova: " << parser.errorText() << Qt::endl
+              << "Run 'sova help' for the list of commands." << Qt::endl;
+        return ExitUsage;
+    }
+    if (parser.isSet(versionOption))
+        return versionCommand.run({});
+    QStringList arguments = parser.positionalArguments();
+    if (parser.isSet(helpOption))
+        return showHelp(arguments.mid(0, 1));
     if (arguments.isEmpty()) {
-        showHelp({});
+        listCommands();
         return ExitUsage;
     }
     const QString name = arguments.takeFirst();
-    if (name == QLatin1String("help") || name == QLatin1String("--help")
-        || name == QLatin1String("-h"))
+    if (name == QLatin1String("help"))
         return showHelp(arguments);
-    if (name == QLatin1String("--version"))
-        return versionCommand.run({});
     const Command* command = findCommand(name);
     if (!command) {
         err() << "sova: unknown command '" << name << "'. Run 'sova help' for the list."
