@@ -6,6 +6,10 @@
  *   - A value is read up to the next ',' outside quotes and brackets. It may be quoted with
  *     "..." or '...' to hold commas, blanks and '='; inside quotes a backslash takes the next
  *     character literally (\" \' \\). Quotes are not part of the value.
+ *     Outside quotes a backslash keeps the next character from ending the value and stays in
+ *     it, so a BLSTRING_Encode'd text can stand unquoted and be decoded by the caller.
+ *     Quotes and brackets count only at the start of a value ("s=Don't" reads as it stands);
+ *     one left open takes the rest of the text, and its key then reads as absent.
  *   - A vector is "[1, 2.5, -3]"; a matrix is a vector of vectors of equal length,
  *     "[[1,2],[3,4]]". A scalar value reads as a vector of one element and a vector as a
  *     matrix of one row; "[]" is a vector of none.
