@@ -190,6 +190,8 @@ SOVAFOUNDATION_EXPORT int64_t BLIO_CopyHFileChunkToHFile(_HFile* source, int64_t
 /* Writes into buffer (at least BLIO_MAX_META_DESCR bytes) a meta descriptor, "hfile://" and
  * the handle's address, that BLIO_Open accepts back while the handle is open: it opens a view
  * of the same file with a position of its own, starting at 0, in any mode the handle allows.
+ * A view leaves its parent's position as it found it after every operation; its buffered
+ * writes reach the parent when it flushes or closes; it never empties the file, even in "w".
  * The handle's close waits for its views: the file is closed when the last of them is.
  * 1 on success; 0 (and an empty text) for a null handle. Addresses that are not open handles
  * are refused by BLIO_Open. */
