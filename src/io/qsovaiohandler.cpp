@@ -5,7 +5,6 @@
 #include <QFileInfo>
 #include <QIODevice>
 
-#include <cstddef>
 #include <cstdio>
 #include <cstring>
 
@@ -19,13 +18,6 @@ struct QtIOHandle {
 constexpr uintptr_t kAllModes = BLIO_MODE_READ | BLIO_MODE_WRITE | BLIO_MODE_TRUNCATE
                                 | BLIO_MODE_APPEND;
 static_assert(kAllModes == 30, "the Qt handlers accept every open mode");
-static_assert(sizeof(BLIO_Handler) == 24 * sizeof(void*), "handler record has 24 slots");
-static_assert(offsetof(BLIO_FileInfo, LastAccess) == 32, "file information layout");
-static_assert(offsetof(BLIO_FileInfo, LastModification) == 50, "file information layout");
-static_assert(offsetof(BLIO_FileInfo, LastStatusChange) == 68, "file information layout");
-static_assert(offsetof(BLIO_FileInfo, ReadOnly) == 104, "file information layout");
-static_assert(offsetof(BLIO_FileInfo, RegularFile) == 106, "file information layout");
-static_assert(sizeof(BLtime) == 18, "time record is nine 16-bit fields");
 
 QIODevice::OpenMode _translateOpenMode(BLIOOPENMODE mode)
 {

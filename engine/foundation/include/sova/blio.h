@@ -21,6 +21,7 @@
 #ifndef SOVA_BLIO_H
 #define SOVA_BLIO_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include <sova/blerror.h>
@@ -120,6 +121,29 @@ typedef struct BLIO_Handler {
     int32_t (*Kind)(void* context, const char* path);   /* 22: BLIO_KIND_* */
     void* Reserved23;
 } BLIO_Handler;
+
+/* Hosts exchange these records with the library by address: their layouts are fixed. */
+#ifdef __cplusplus
+#define BLIO_STATIC_ASSERT static_assert
+#else
+#define BLIO_STATIC_ASSERT _Static_assert
+#endif
+BLIO_STATIC_ASSERT(sizeof(BLtime) == 18, "time record: nine 16-bit fields");
+BLIO_STATIC_ASSERT(offsetof(BLIO_FileInfo, Size) == 8, "file information layout");
+BLIO_STATIC_ASSERT(offsetof(BLIO_FileInfo, LastAccess) == 32, "file information layout");
+BLIO_STATIC_ASSERT(offsetof(BLIO_FileInfo, LastModification) == 50, "file information layout");
+BLIO_STATIC_ASSERT(offsetof(BLIO_FileInfo, LastStatusChange) == 68, "file information layout");
+BLIO_STATIC_ASSERT(offsetof(BLIO_FileInfo, Creation) == 86, "file information layout");
+BLIO_STATIC_ASSERT(offsetof(BLIO_FileInfo, ReadOnly) == 104, "file information layout");
+BLIO_STATIC_ASSERT(offsetof(BLIO_FileInfo, RandomAccess) == 105, "file information layout");
+BLIO_STATIC_ASSERT(offsetof(BLIO_FileInfo, RegularFile) == 106, "file information layout");
+BLIO_STATIC_ASSERT(sizeof(BLIO_Handler) == 24 * sizeof(void*), "handler record: 24 slots");
+BLIO_STATIC_ASSERT(offsetof(BLIO_Handler, Flags) == 2 * sizeof(void*), "handler record");
+BLIO_STATIC_ASSERT(offsetof(BLIO_Handler, IsEOF) == 11 * sizeof(void*), "handler record");
+BLIO_STATIC_ASSERT(offsetof(BLIO_Handler, Flush) == 14 * sizeof(void*), "handler record");
+BLIO_STATIC_ASSERT(offsetof(BLIO_Handler, Exists) == 21 * sizeof(void*), "handler record");
+BLIO_STATIC_ASSERT(offsetof(BLIO_Handler, Kind) == 22 * sizeof(void*), "handler record");
+#undef BLIO_STATIC_ASSERT
 
 /* An open file. Opaque; one thread at a time. */
 typedef struct _HFile _HFile;
