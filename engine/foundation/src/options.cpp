@@ -636,6 +636,22 @@ void copyText(const Item& item, char* out)
     *out = '\0';
 }
 
+// The key's scalar value converted by parse, or the default (with the reason recorded).
+template <typename T, typename Parse>
+T readScalar(const char* options, const char* key, T defaultValue, const char* what, Parse parse)
+{
+    Item item;
+    if (!lookup(options, key, item))
+        return defaultValue;
+    Span text;
+    T value;
+    if (!scalarText(item, text) || !parse(text, value)) {
+        parseError(key, what, item.value);
+        return defaultValue;
+    }
+    return value;
+}
+
 } // namespace
 
 extern "C" {
@@ -672,63 +688,35 @@ int32_t BLSTRING_GetBooleanValueFromString(
 int32_t BLSTRING_GetIntegerValueFromString(
     const char* options, const char* key, int32_t defaultValue)
 {
-    Item item;
-    if (!lookup(options, key, item))
-        return defaultValue;
-    Span text;
-    int64_t value;
-    if (!scalarText(item, text)
-        || !parseInteger(text, std::numeric_limits<int32_t>::min(),
-            std::numeric_limits<int32_t>::max(), value)) {
-        parseError(key, "a 32-bit integer", item.value);
-        return defaultValue;
-    }
-    return static_cast<int32_t>(value);
+    return readScalar(options, key, defaultValue, "a 32-bit integer", [](Span text, int32_t& out) {
+        int64_t wide;
+        if (!parseInteger(text, std::numeric_limits<int32_t>::min(),
+                std::numeric_limits<int32_t>::max(), wide))
+            return false;
+        out = static_cast<int32_t>(wide);
+        return true;
+    });
 }
 
 int64_t BLSTRING_GetInteger64ValueFromString(
     const char* options, const char* key, int64_t defaultValue)
 {
-    Item item;
-    if (!lookup(options, key, item))
-        return defaultValue;
-    Span text;
-    int64_t value;
-    if (!scalarText(item, text)
-        || !parseInteger(text, std::numeric_limits<int64_t>::min(),
-            std::numeric_limits<int64_t>::max(), value)) {
-        parseError(key, "a 64-bit integer", item.value);
-        return defaultValue;
-    }
-    return value;
+    return readScalar(options, key, defaultValue, "a 64-bit integer", [](Span text, int64_t& out) {
+        return parseInteger(
+            text, std::numeric_limits<int64_t>::min(), std::numeric_limits<int64_t>::max(), out);
+    });
 }
 
 float BLSTRING_GetFloatValueFromString(const char* options, const char* key, float defaultValue)
 {
-    Item item;
-    if (!lookup(options, key, item))
-        return defaultValue;
-    Span text;
-    float value;
-    if (!scalarText(item, text) || !parseFloating(text, value)) {
-        parseError(key, "a float", item.value);
-        return defaultValue;
-    }
-    return value;
+    return readScalar(options, key, defaultValue, "a float",
+        [](Span text, float& out) { return parseFloating(text, out); });
 }
 
 double BLSTRING_GetDoubleValueFromString(const char* options, const char* key, double defaultValue)
 {
-    Item item;
-    if (!lookup(options, key, item))
-        return defaultValue;
-    Span text;
-    double value;
-    if (!scalarText(item, text) || !parseFloating(text, value)) {
-        parseError(key, "a double", item.value);
-        return defaultValue;
-    }
-    return value;
+    return readScalar(options, key, defaultValue, "a double",
+        [](Span text, double& out) { return parseFloating(text, out); });
 }
 
 int32_t BLSTRING_GetStringLengthFromString(const char* options, const char* key)
