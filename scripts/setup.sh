@@ -6,6 +6,7 @@ packages=(
     cmake g++ make pkg-config
     qtbase5-dev qtbase5-dev-tools
     libbenchmark-dev
+    libsodium-dev
     clang libclang-rt-14-dev
 )
 missing=()
