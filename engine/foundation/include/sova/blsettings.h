@@ -8,7 +8,8 @@
  *
  * Layers. Every key has a default (SetDefaultEx, LoadDefaults, the system file) and may have a
  * value of its own (ChangeEx, the user file). A read gives the value, else the default, else
- * the default of the request. ResetValueEx drops the value; DeleteEx drops both.
+ * the default of the request. ResetValueEx drops the value; DeleteEx drops both, and a secret
+ * of that name.
  *
  * Files. A store may be tied to two files (SetConfigFileEx): the user's file, read when set
  * and written by FlushEx, and a system-wide file read beneath it, whose entries become
@@ -72,12 +73,12 @@ SOVAFOUNDATION_EXPORT int32_t BLSETTINGS_SetDefaultEx(_BLSETTINGS* settings,
 SOVAFOUNDATION_EXPORT int32_t BLSETTINGS_ChangeSecretEx(_BLSETTINGS* settings,
                                                         const char* request);
 
-/* Drops the key's value (it reads its default again) / drops value and default. 1 on success,
- * 0 when the key had nothing to drop or is malformed. */
+/* Drops the key's value (it reads its default again) / drops value, default and secret. 1 on
+ * success, 0 when the key had nothing to drop or is malformed. */
 SOVAFOUNDATION_EXPORT int32_t BLSETTINGS_ResetValueEx(_BLSETTINGS* settings, const char* key);
 SOVAFOUNDATION_EXPORT int32_t BLSETTINGS_DeleteEx(_BLSETTINGS* settings, const char* key);
 
-/* 1 when the key has a value or a default. */
+/* 1 when the key has a value, a default or a secret. */
 SOVAFOUNDATION_EXPORT int32_t BLSETTINGS_ExistsEx(_BLSETTINGS* settings, const char* key);
 
 /* 1 when the key exists and has no value of its own (it reads its default). */
