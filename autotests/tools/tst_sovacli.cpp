@@ -11,9 +11,11 @@ private:
         QString err;
     };
 
-    static Result run(const QStringList& arguments)
+    static Result run(const QStringList& arguments,
+                      const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment())
     {
         QProcess process;
+        process.setProcessEnvironment(environment);
         process.start(QStringLiteral(SOVA_BINARY), arguments);
         if (!process.waitForFinished(30000))
             return {-1, QString(), QStringLiteral("did not finish")};
@@ -62,7 +64,7 @@ private slots:
     void helpListsEveryCommand()
     {
         const Result r = run({QStringLiteral("help")});
-        for (const char* name : {"help", "version", "options"})
+        for (const char* name : {"help", "version", "options", "settings", "ini"})
             QVERIFY2(r.out.contains(QRegularExpression(QStringLiteral("^  %1 ").arg(
                          QLatin1String(name)), QRegularExpression::MultilineOption)),
                      qPrintable(r.out));
@@ -74,6 +76,69 @@ private slots:
                               QStringLiteral("-gain=-3"), QStringLiteral("-gain")});
         QCOMPARE(r.status, 0);
         QVERIFY2(r.out.contains(QStringLiteral("integer: -3\n")), qPrintable(r.out));
+    }
+
+
+    void settings()
+    {
+        QTemporaryDir home;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("XDG_CONFIG_HOME"), home.path());
+        const QString file = home.filePath(QStringLiteral("sova/settings.conf"));
+        auto settings = [&](QStringList arguments) {
+            return run(QStringList{QStringLiteral("settings")} + arguments, environment);
+        };
+        QCOMPARE(settings({"set", "audio.rate", "48000"}).status, 0);
+        QVERIFY2(QFile::exists(file), "the user's file is created where the help says");
+        QCOMPARE(settings({"set", "audio.name", "a = b, [c]"}).status, 0);
+        QCOMPARE(settings({"get", "audio.rate"}).out, QStringLiteral("48000\n"));
+        QCOMPARE(settings({"list", "audio."}).out,
+                 QStringLiteral("audio.name=a = b, [c]\naudio.rate=48000\n"));
+        QCOMPARE(settings({"reset", "audio.rate"}).status, 0);
+        const Result missing = settings({"get", "audio.rate"});
+        QCOMPARE(missing.status, 1);
+        QVERIFY2(missing.err.contains(QStringLiteral("no setting 'audio.rate'")), qPrintable(missing.err));
+        QVERIFY(settings({"reset", "audio.rate"}).err.contains(QStringLiteral("no value of its own")));
+        QVERIFY(settings({"set", "bad key", "1"}).err.contains(QStringLiteral("not a valid key")));
+        QCOMPARE(settings({"get"}).status, 2);
+        QCOMPARE(settings({"frob"}).status, 2);
+
+        const QString other = home.filePath(QStringLiteral("other.conf"));
+        QCOMPARE(settings({"--file", other, "set", "x", "1"}).status, 0);
+        QVERIFY(QFile::exists(other));
+        QVERIFY(settings({"list"}).out.contains(QStringLiteral("audio.name=")));
+        QVERIFY(!settings({"list"}).out.contains(QStringLiteral("x=1")));
+    }
+
+    void ini()
+    {
+        QTemporaryDir dir;
+        const QString path = dir.filePath(QStringLiteral("take.ini"));
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write("; the take\n[take]\nrate = 44.1kHz\nname = One\n[mix]\ngain = -6dB\n");
+        file.close();
+        auto ini = [&](QStringList arguments) {
+            return run(QStringList{QStringLiteral("ini"), path} + arguments);
+        };
+        QCOMPARE(ini({}).out, QStringLiteral("[take]\nrate = 44100\nname = One\n\n[mix]\ngain = -6\n"));
+        QCOMPARE(ini({"take", "name"}).out, QStringLiteral("One\n"));
+        QCOMPARE(ini({"take", "count", "3"}).status, 0);
+        QCOMPARE(ini({"take"}).out, QStringLiteral("rate = 44100\nname = One\ncount = 3\n"));
+        file.open(QIODevice::ReadOnly);
+        QVERIFY2(file.readAll().startsWith("; the take\n[take]\n"), "comments are kept");
+        file.close();
+        QVERIFY(ini({"none"}).err.contains(QStringLiteral("no section 'none'")));
+        QVERIFY(ini({"take", "none"}).err.contains(QStringLiteral("no key 'none'")));
+        const Result missing = run({QStringLiteral("ini"), dir.filePath(QStringLiteral("no.ini"))});
+        QCOMPARE(missing.status, 1);
+        QVERIFY2(missing.err.contains(QStringLiteral("does not exist")), qPrintable(missing.err));
+        const QString binary = dir.filePath(QStringLiteral("binary.ini"));
+        QFile b(binary);
+        QVERIFY(b.open(QIODevice::WriteOnly));
+        b.write(QByteArray("\0\1\2", 3));
+        b.close();
+        QVERIFY(run({QStringLiteral("ini"), binary}).err.contains(QStringLiteral("not an ini file")));
     }
 
     void version()

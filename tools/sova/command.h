@@ -42,3 +42,5 @@ const QList<const Command*>& commands();
 
 extern const Command versionCommand;
 extern const Command optionsCommand;
+extern const Command settingsCommand;
+extern const Command iniCommand;

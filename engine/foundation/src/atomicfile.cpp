@@ -50,11 +50,17 @@ bool writeFileAtomically(const std::string& path, std::string_view content, mode
                     path.c_str(), std::strerror(errno));
         return false;
     }
-    // mkstemp makes 0600; widen it to what a plain create would give unless asked to stay private.
+    // mkstemp makes 0600. A private file stays so; otherwise the replacement keeps the mode
+    // of the file it replaces, or gets what a plain create would give.
     if ((mode & 077) != 0) {
-        const mode_t mask = ::umask(0);
-        ::umask(mask);
-        ::fchmod(fd, mode & ~mask);
+        struct stat existing;
+        if (::stat(path.c_str(), &existing) == 0) {
+            ::fchmod(fd, existing.st_mode & 07777);
+        } else {
+            const mode_t mask = ::umask(0);
+            ::umask(mask);
+            ::fchmod(fd, mode & ~mask);
+        }
     }
     const bool written = writeAll(fd, content.data(), content.size()) && ::fsync(fd) == 0;
     const int savedErrno = errno;

@@ -11,7 +11,8 @@ namespace sova {
 
 // Writes content to a temporary file in path's directory, syncs it, renames it over path and
 // syncs the directory: after a crash path holds the old content or the new one, never a mix.
-// The new file gets mode (subject to the umask unless it is 0600 or stricter, which is kept).
+// A mode of 0600 or stricter is applied as it stands; otherwise the new file keeps the mode of
+// the file it replaces, or gets mode less the umask when there was none.
 // false, with the reason in the error slot, on failure; the temporary file is then removed.
 bool writeFileAtomically(const std::string& path, std::string_view content, mode_t mode);
 

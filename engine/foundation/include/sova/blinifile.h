@@ -15,7 +15,7 @@
  * Value types (BLINIFILE_KeyType), by the text of the value:
  *     0  empty              (nothing after '=')                               text
  *     1  plain text         anything not below                                text
- *     2  quoted text        "..." with \" \\ \n \t escapes                     text
+ *     2  quoted text        "..." with \" \\ \n \r \t escapes                  text
  *     3  integer            -42, +7 (decimal, 64-bit)                          integer
  *     4  decimal            1.5, -.25                                          floating
  *     5  scientific         1e-3, 6.02E23                                      floating
@@ -28,6 +28,10 @@
  *    12  hexadecimal        0x1F, -0x10 (64-bit)                              integer
  * Integer reads of floating values truncate toward zero (out of range: the default); floating
  * reads of integers convert; numeric reads of text types give the default.
+ * A decimal integer beyond 64 bits reads as a decimal (4); hexadecimal beyond a signed 64-bit
+ * value, and numbers beyond the range of a double, are plain text (1). Only "dB" ignores case
+ * among the units ("mHz" would be millihertz). A section header needs a name: "[]" is a
+ * malformed line. Floating values are written with a ".0" when they would read as integers.
  *
  * Saving writes to a temporary file beside the target, syncs it and renames it over the
  * target, for local paths; a crash leaves the old file or the new one. Through other schemes
