@@ -15,14 +15,14 @@ namespace {
 QTemporaryDir* scratch = nullptr;
 QString iniPath;
 
-// About 10 MB: 4000 sections of 50 keys with integers, numbers, texts and booleans.
+// About 10 MB: 10000 sections of 50 keys with integers, numbers, texts and booleans.
 void makeIniFile()
 {
     iniPath = scratch->filePath(QStringLiteral("big.ini"));
     QFile file(iniPath);
     file.open(QIODevice::WriteOnly);
     QByteArray block;
-    for (int s = 0; s < 4000; ++s) {
+    for (int s = 0; s < 10000; ++s) {
         block = "; section " + QByteArray::number(s) + "\n[section" + QByteArray::number(s)
                 + "]\n";
         for (int k = 0; k < 50; ++k) {
