@@ -163,11 +163,7 @@ bool QSovaSetting::setDefault(const QString& key, bool value)
 bool QSovaSetting::setDefault(const QString& key, double value)
 {
     // Six significant digits, unlike change(): defaults are written as people would type them.
-    const QString request = QStringLiteral("%1=%2").arg(key).arg(value, 0, 'g', -1);
-    if (BLSETTINGS_SetDefaultEx(d->handle, request.toUtf8().constData()) != 1)
-        return false;
-    settingChanged();
-    return true;
+    return write(BLSETTINGS_SetDefaultEx, key, QStringLiteral("%1").arg(value, 0, 'g', -1));
 }
 
 bool QSovaSetting::setDefault(const QString& key, const QString& value)

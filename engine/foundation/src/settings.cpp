@@ -120,6 +120,18 @@ bool parseKey(const char* text, std::string& key)
     return true;
 }
 
+// Runs body on the store for a well-formed bare key; 0 (the reason recorded) for another.
+template <typename Body>
+int32_t withKey(_BLSETTINGS* settings, const char* key, Body&& body)
+{
+    return guarded(int32_t(0), [&]() -> int32_t {
+        std::string name;
+        if (!parseKey(key, name))
+            return 0;
+        return body(resolve(settings), name);
+    });
+}
+
 // "key=value": the value stands as it is after the first '='. A secret's request is not
 // repeated in the message, only its key part.
 bool parseWrite(const char* request, std::string& key, std::string& value, bool secret)
@@ -650,11 +662,7 @@ int32_t BLSETTINGS_ChangeSecretEx(_BLSETTINGS* settings, const char* request)
 
 int32_t BLSETTINGS_ResetValueEx(_BLSETTINGS* settings, const char* key)
 {
-    return guarded(int32_t(0), [&]() -> int32_t {
-        std::string name;
-        if (!parseKey(key, name))
-            return 0;
-        Store& store = resolve(settings);
+    return withKey(settings, key, [&](Store& store, const std::string& name) -> int32_t {
         std::unique_lock<std::shared_mutex> locked(store.lock);
         const auto it = store.entries.find(name);
         if (it == store.entries.end() || !it->second.value) {
@@ -672,11 +680,7 @@ int32_t BLSETTINGS_ResetValueEx(_BLSETTINGS* settings, const char* key)
 
 int32_t BLSETTINGS_DeleteEx(_BLSETTINGS* settings, const char* key)
 {
-    return guarded(int32_t(0), [&]() -> int32_t {
-        std::string name;
-        if (!parseKey(key, name))
-            return 0;
-        Store& store = resolve(settings);
+    return withKey(settings, key, [&](Store& store, const std::string& name) -> int32_t {
         std::unique_lock<std::shared_mutex> locked(store.lock);
         bool dropped = false;
         const auto it = store.entries.find(name);
@@ -704,11 +708,7 @@ int32_t BLSETTINGS_DeleteEx(_BLSETTINGS* settings, const char* key)
 
 int32_t BLSETTINGS_ExistsEx(_BLSETTINGS* settings, const char* key)
 {
-    return guarded(int32_t(0), [&]() -> int32_t {
-        std::string name;
-        if (!parseKey(key, name))
-            return 0;
-        Store& store = resolve(settings);
+    return withKey(settings, key, [&](Store& store, const std::string& name) -> int32_t {
         std::shared_lock<std::shared_mutex> locked(store.lock);
         // Secrets count: a facade picks the store to read a secret from by this answer.
         return store.entries.count(name) || store.secrets.count(name) ? 1 : 0;
@@ -717,11 +717,7 @@ int32_t BLSETTINGS_ExistsEx(_BLSETTINGS* settings, const char* key)
 
 int32_t BLSETTINGS_IsDefault(_BLSETTINGS* settings, const char* key)
 {
-    return guarded(int32_t(0), [&]() -> int32_t {
-        std::string name;
-        if (!parseKey(key, name))
-            return 0;
-        Store& store = resolve(settings);
+    return withKey(settings, key, [&](Store& store, const std::string& name) -> int32_t {
         std::shared_lock<std::shared_mutex> locked(store.lock);
         const auto it = store.entries.find(name);
         return it != store.entries.end() && !it->second.value ? 1 : 0;
