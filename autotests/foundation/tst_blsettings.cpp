@@ -208,6 +208,14 @@ private slots:
         QCOMPARE(BLSETTINGS_FlushEx(open(user).get(), 0), 1); // just read: nothing changed
         QVERIFY(forced != first && inode() == forced);
         QCOMPARE(BLSETTINGS_FlushEx(open().get(), 1), 0); // no file to write
+
+        // A user file that cannot be read is not taken on, so a flush cannot replace it.
+        const B folder = QFile::encodeName(dir.filePath("folder"));
+        QVERIFY(QDir().mkdir(QString::fromUtf8(folder)));
+        QCOMPARE(BLSETTINGS_SetConfigFileEx(store.get(), folder, nullptr), 0);
+        QVERIFY(BLSETTINGS_ChangeEx(store.get(), "after=1"));
+        QCOMPARE(BLSETTINGS_FlushEx(store.get(), 1), 0);
+        QVERIFY(QFileInfo(QString::fromUtf8(folder)).isDir());
     }
 
     // Hand-written files: comments, malformed lines, escapes, CRLF; the system file gives

@@ -549,9 +549,12 @@ bool configure(Store& store, const char* userFile, const char* systemFile)
     bool ok = true;
     if (!system.empty())
         ok = readSettingsFile(system, defaults) && ok;
+    bool userRead = true;
     if (!user.empty()) {
-        ok = readSettingsFile(user, values) && ok;
-        readSecrets(user, key, haveKey, secrets);
+        userRead = readSettingsFile(user, values);
+        ok = userRead && ok;
+        if (userRead)
+            readSecrets(user, key, haveKey, secrets);
     }
 
     std::unique_lock<std::shared_mutex> locked(store.lock);
@@ -561,10 +564,12 @@ bool configure(Store& store, const char* userFile, const char* systemFile)
         store.entries[name].value = text;
     for (const auto& [name, text] : secrets)
         wipeAssign(store.secrets[name], text);
-    store.userFile = user;
-    store.systemFile = system;
+    // A user file that exists but cannot be read is not taken on (a flush would replace it
+    // with only what the store holds); the store is then tied to no file at all.
+    store.userFile = userRead ? user : std::string();
     store.secretKey = key;
     store.haveSecretKey = haveKey;
+    store.systemFile = system;
     // Dirty only when the store holds values the user's file lacks.
     size_t held = 0;
     for (const auto& entry : store.entries)

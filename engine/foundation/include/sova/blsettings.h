@@ -56,7 +56,8 @@ SOVAFOUNDATION_EXPORT void BLSETTINGS_Destroy(_BLSETTINGS* settings);
 
 /* Ties the store to userFile and systemFile (null or "": none) and reads them: the user's
  * values replace the store's, the system file's entries become defaults. 1 on success, 0 when
- * a named file exists but cannot be read. A missing file is not an error. */
+ * a named file exists but cannot be read; an unreadable user file leaves the store tied to no
+ * file, so that no flush replaces it. A missing file is not an error. */
 SOVAFOUNDATION_EXPORT int32_t BLSETTINGS_SetConfigFileEx(_BLSETTINGS* settings,
                                                          const char* userFile,
                                                          const char* systemFile);
