@@ -7,6 +7,8 @@ packages=(
     qtbase5-dev qtbase5-dev-tools
     libbenchmark-dev
     libsodium-dev
+    libfftw3-dev
+    python3-numpy
     clang libclang-rt-14-dev
 )
 missing=()

@@ -64,7 +64,8 @@ private slots:
     void helpListsEveryCommand()
     {
         const Result r = run({QStringLiteral("help")});
-        for (const char* name : {"help", "version", "options", "settings", "ini"})
+        for (const char* name : {"help", "version", "options", "settings", "ini", "windows",
+                                 "selftest"})
             QVERIFY2(r.out.contains(QRegularExpression(QStringLiteral("^  %1 ").arg(
                          QLatin1String(name)), QRegularExpression::MultilineOption)),
                      qPrintable(r.out));
@@ -139,6 +140,20 @@ private slots:
         b.write(QByteArray("\0\1\2", 3));
         b.close();
         QVERIFY(run({QStringLiteral("ini"), binary}).err.contains(QStringLiteral("not an ini file")));
+    }
+
+    void windowsAndSelftest()
+    {
+        const Result windows = run({QStringLiteral("windows")});
+        QCOMPARE(windows.status, 0);
+        const QStringList lines = windows.out.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        QCOMPARE(lines.size(), 11);
+        QVERIFY2(lines[6].startsWith(QStringLiteral(" 6  ")) && lines[6].endsWith(QStringLiteral("(default)")),
+                 qPrintable(lines[6]));
+        const Result selftest = run({QStringLiteral("selftest")});
+        QCOMPARE(selftest.status, 0);
+        QCOMPARE(selftest.out, QStringLiteral("ring buffer: PASS\n"));
+        QVERIFY2(selftest.err.isEmpty(), qPrintable(selftest.err));
     }
 
     void version()

@@ -60,6 +60,7 @@ int parseCommand(const Command& command, QCommandLineParser& parser, const QStri
 const QList<const Command*>& commands()
 {
     static const QList<const Command*> all = {&versionCommand, &optionsCommand,
-                                               &settingsCommand, &iniCommand};
+                                               &settingsCommand, &iniCommand,
+                                               &windowsCommand, &selftestCommand};
     return all;
 }

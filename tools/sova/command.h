@@ -44,3 +44,5 @@ extern const Command versionCommand;
 extern const Command optionsCommand;
 extern const Command settingsCommand;
 extern const Command iniCommand;
+extern const Command selftestCommand;
+extern const Command windowsCommand;
