@@ -40,12 +40,10 @@ int runIni(const QStringList& arguments)
     parser.addPositionalArgument(QStringLiteral("section"), QStringLiteral("A section."),
                                  QStringLiteral("[SECTION [KEY [VALUE]]]"));
     const int status = parseCommand(iniCommand, parser, arguments, 1,
-                                    QStringLiteral("needs an ini file"));
+                                    QStringLiteral("needs an ini file"), 4);
     if (status >= 0)
         return status;
     const QStringList positional = parser.positionalArguments();
-    if (positional.size() > 4)
-        return usageError("ini", QStringLiteral("too many arguments"));
     const QString file = positional.at(0);
     const QFileInfo info(file);
     const bool writing = positional.size() == 4;

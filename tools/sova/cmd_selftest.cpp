@@ -12,11 +12,9 @@ int runSelftest(const QStringList& arguments)
     const QCommandLineOption verboseOption({QStringLiteral("v"), QStringLiteral("verbose")},
                                            QStringLiteral("Show each step."));
     parser.addOption(verboseOption);
-    const int status = parseCommand(selftestCommand, parser, arguments, 0, QString());
+    const int status = parseCommand(selftestCommand, parser, arguments, 0, QString(), 0);
     if (status >= 0)
         return status;
-    if (!parser.positionalArguments().isEmpty())
-        return usageError("selftest", QStringLiteral("takes no arguments"));
     // The self tests report through the debug log; keep it off the screen unless asked.
     if (!parser.isSet(verboseOption))
         qInstallMessageHandler([](QtMsgType type, const QMessageLogContext&, const QString& text) {

@@ -8,11 +8,9 @@ namespace {
 int runVersion(const QStringList& arguments)
 {
     QCommandLineParser parser;
-    const int status = parseCommand(versionCommand, parser, arguments, 0, QString());
+    const int status = parseCommand(versionCommand, parser, arguments, 0, QString(), 0);
     if (status >= 0)
         return status;
-    if (!parser.positionalArguments().isEmpty())
-        return usageError("version", QStringLiteral("takes no arguments"));
     out() << "sova " << QTSOVACORE_VERSION_STR << Qt::endl
           << QString::fromLatin1(QtSovaCoreVersionString()) << Qt::endl
           << "Qt " << qVersion() << Qt::endl;

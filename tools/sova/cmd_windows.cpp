@@ -7,11 +7,9 @@ namespace {
 int runWindows(const QStringList& arguments)
 {
     QCommandLineParser parser;
-    const int status = parseCommand(windowsCommand, parser, arguments, 0, QString());
+    const int status = parseCommand(windowsCommand, parser, arguments, 0, QString(), 0);
     if (status >= 0)
         return status;
-    if (!parser.positionalArguments().isEmpty())
-        return usageError("windows", QStringLiteral("takes no arguments"));
     const QStringList names = QSovaFft::getWindowNameList();
     for (int type = 0; type < names.size(); ++type) {
         out() << QStringLiteral("%1  %2").arg(type, 2).arg(names.at(type));

@@ -40,7 +40,7 @@ void printCommandHelp(const Command& command)
 }
 
 int parseCommand(const Command& command, QCommandLineParser& parser, const QStringList& arguments,
-                 int minimumPositional, const QString& missingMessage)
+                 int minimumPositional, const QString& missingMessage, int maximumPositional)
 {
     const QCommandLineOption helpOption({QStringLiteral("h"), QStringLiteral("help")},
                                         QStringLiteral("Show this help."));
@@ -52,8 +52,13 @@ int parseCommand(const Command& command, QCommandLineParser& parser, const QStri
         printCommandHelp(command);
         return ExitOk;
     }
-    if (parser.positionalArguments().size() < minimumPositional)
+    const int given = parser.positionalArguments().size();
+    if (given < minimumPositional)
         return usageError(command.name, missingMessage);
+    if (maximumPositional >= 0 && given > maximumPositional)
+        return usageError(command.name, maximumPositional == 0
+                                            ? QStringLiteral("takes no arguments")
+                                            : QStringLiteral("too many arguments"));
     return -1;
 }
 

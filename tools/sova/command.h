@@ -32,10 +32,12 @@ void printCommandHelp(const Command& command);
 
 // Parses a command's arguments with parser, whose options and positional arguments the
 // command has added; adds -h/--help. Returns -1 to go on, else the exit status to return
-// (after printing the help, or a usage error when the parse fails or fewer than
-// minimumPositional positional arguments are given).
+// (after printing the help, or a usage error when the parse fails, fewer than
+// minimumPositional or more than maximumPositional (when not negative) positional arguments
+// are given).
 int parseCommand(const Command& command, QCommandLineParser& parser, const QStringList& arguments,
-                 int minimumPositional, const QString& missingMessage);
+                 int minimumPositional, const QString& missingMessage,
+                 int maximumPositional = -1);
 
 // Every subcommand, in the order "sova help" lists them.
 const QList<const Command*>& commands();
