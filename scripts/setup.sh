@@ -8,6 +8,9 @@ packages=(
     libbenchmark-dev
     libsodium-dev
     libfftw3-dev
+    libsndfile1-dev libsoxr-dev
+    libavformat-dev libavcodec-dev libswresample-dev libavutil-dev
+    sox ffmpeg
     python3-numpy
     clang libclang-rt-14-dev
 )

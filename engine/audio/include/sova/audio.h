@@ -1,0 +1,345 @@
+/* The audio engine: audio formats, codec and container codes, dithering, mime types and audio
+ * files read and written through the foundation library's I/O layer, so that every path scheme
+ * it knows ("qfile://", "qiodevice://", "hfile://", plain paths) works for audio files too.
+ *
+ * Errors: every failing call records a code (AUDIOERR_*, above the foundation's own codes) and a
+ * message naming the file and the reason in the calling thread's error slot; read it with
+ * BLERROR_LastCode() / BLERROR_LastMessage() right after the call.
+ *
+ * Format strings
+ * --------------
+ * Opening and creating files take a format string:
+ *
+ *     format  := [name] ['[' options ']']
+ *     options := key '=' value { ',' key '=' value }     (option-string syntax, keys in any case)
+ *
+ * The name is a container ("wav", "wavex", "rf64", "w64", "aiff", "aifc", "caf", "au", "raw",
+ * "flac", "ogg", "opus", "mp3", "mp2", "voc", "m4a", "mka", "wma", "ac3", "amr", "wv", ...,
+ * see AUDIO_FormatStringNames) or a codec, which picks its usual container ("vorbis" -> Ogg,
+ * "aac" -> M4A, "alac" -> CAF, "pcm16"/"float"/"ulaw"/"ima-adpcm"/... -> WAV). Empty: when
+ * reading, the container is detected from the content; when writing, from the file extension.
+ * Options: sr (sample rate), nch or nc (channels), nbits (resolution: 8, 16, 24, 32; 32 with
+ * codec float is IEEE float), codec (a codec name inside the container, "wav[codec=ulaw]"),
+ * kbps (bit rate of lossy encoders), quality (0..10 for lossy encoders, compression level for
+ * FLAC), endian (little|big, raw and AIFF/CAF), dither (none|rectangular|triangular, writing
+ * float samples at 16 bits or fewer). When reading, sr/nch/nbits describe headerless "raw"
+ * data (defaults 44100 Hz, 1 channel, 16 bits) and are ignored for files with a header.
+ *
+ * A path may end in ":fmtconv[sr=R,nch=N,nbits=B]" (keys in any case, nc for nch): the file is
+ * read converted on the fly to rate R (soxr, very high quality) and N channels (mix-down to mono
+ * averages the channels; from mono every channel gets the signal; otherwise channel i takes
+ * source channel i mod n). Missing keys keep the file's value.
+ *
+ * Sample kinds
+ * ------------
+ * The three read and write calls differ only in the scale of the samples in the buffer:
+ *   16    signed 16-bit integers;
+ *   Float 32-bit floats in the 16-bit scale: full scale is +-32768.0 (an Int16 sample s and a
+ *         Float sample f mean the same level when f == s);
+ *   IEEEFloat 32-bit floats normalised to +-1.0.
+ * Floats are not clipped until they are encoded into an integer or lossy format. Writing floats
+ * into a format of 16 bits or fewer applies the default dithering kind (AUDIODITHER_*). */
+#ifndef SOVA_AUDIO_H
+#define SOVA_AUDIO_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <sova/sovaaudio_export.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- The format record ---------------------------------------------------------------- */
+
+/* A format: rate, channels, resolution, the container and codec codes, and two texts from the
+ * foundation's persistent string pool (never freed). 32 bytes on x86-64. */
+typedef struct _audio_format {
+    int32_t sampleRate;  /* Hz */
+    int16_t numChannels;
+    int16_t bitsPerSample; /* resolution of the stored samples; 0 unknown */
+    uint32_t container;    /* AUDIO_CONTAINER_* code, 0 unknown */
+    uint32_t coder;        /* AUDIO_CODEC_* code, possibly with AUDIO_CODEC_FLAG_BIGENDIAN */
+    const char* mimeType;  /* pooled text or null */
+    const char* codecInfo; /* pooled option string (bitrate=, avg_bitrate=, ...) or null */
+} _audio_format;
+
+#ifdef __cplusplus
+static_assert(sizeof(_audio_format) == 32, "x86-64 layout of _audio_format");
+static_assert(offsetof(_audio_format, numChannels) == 4, "_audio_format.numChannels");
+static_assert(offsetof(_audio_format, bitsPerSample) == 6, "_audio_format.bitsPerSample");
+static_assert(offsetof(_audio_format, container) == 8, "_audio_format.container");
+static_assert(offsetof(_audio_format, coder) == 12, "_audio_format.coder");
+static_assert(offsetof(_audio_format, mimeType) == 16, "_audio_format.mimeType");
+static_assert(offsetof(_audio_format, codecInfo) == 24, "_audio_format.codecInfo");
+#endif
+
+/* Container codes (0..35). */
+enum {
+    AUDIO_CONTAINER_NONE = 0,
+    AUDIO_CONTAINER_HTK = 1,
+    AUDIO_CONTAINER_RAW = 2,
+    AUDIO_CONTAINER_WAV = 3, /* RIFF WAVE, WAVE_FORMAT_EXTENSIBLE included */
+    AUDIO_CONTAINER_AVI = 4,
+    AUDIO_CONTAINER_NIST = 5, /* NIST SPHERE */
+    AUDIO_CONTAINER_MP4 = 6,  /* MPEG-4 / M4A */
+    AUDIO_CONTAINER_AU = 7,   /* Sun/NeXT .au .snd */
+    AUDIO_CONTAINER_TXT = 8,  /* samples as text, one frame per line */
+    AUDIO_CONTAINER_AIFF = 9, /* AIFF and AIFF-C */
+    AUDIO_CONTAINER_IRCAM = 10,
+    AUDIO_CONTAINER_PAF = 11,
+    AUDIO_CONTAINER_RF64 = 12,
+    AUDIO_CONTAINER_MPEG = 13, /* MPEG audio elementary stream (.mp3 .mp2) */
+    AUDIO_CONTAINER_OGG_VORBIS = 14,
+    AUDIO_CONTAINER_OGG_OPUS = 15,
+    AUDIO_CONTAINER_OGG_OTHER = 16, /* Ogg FLAC, Ogg Speex */
+    AUDIO_CONTAINER_ASF = 17,       /* ASF / WMA */
+    AUDIO_CONTAINER_AVR = 18,
+    AUDIO_CONTAINER_FLAC = 19,
+    AUDIO_CONTAINER_WAVPACK = 20,
+    AUDIO_CONTAINER_MPC = 21, /* Musepack */
+    AUDIO_CONTAINER_VOC = 22,
+    AUDIO_CONTAINER_CAF = 23,
+    AUDIO_CONTAINER_WSIG = 24, /* the engine's own signal file: 32-bit float, little endian */
+    AUDIO_CONTAINER_TTA = 25,
+    AUDIO_CONTAINER_W64 = 26, /* Sony Wave64 */
+    AUDIO_CONTAINER_APE = 27,
+    AUDIO_CONTAINER_MAT = 28, /* MATLAB 5 */
+    AUDIO_CONTAINER_MPC2K = 29,
+    AUDIO_CONTAINER_MKV = 30, /* Matroska / WebM */
+    AUDIO_CONTAINER_VOX = 31, /* headerless Dialogic VOX ADPCM */
+    AUDIO_CONTAINER_OKI = 32, /* headerless OKI ADPCM */
+    AUDIO_CONTAINER_AC3 = 33,
+    AUDIO_CONTAINER_DTS = 34,
+    AUDIO_CONTAINER_AMR = 35,
+    AUDIO_CONTAINER_COUNT = 36
+};
+
+/* Codec codes. The low 15 bits name the codec; bit 15 flags big-endian sample order of
+ * integer and float PCM (AIFF, AU, CAF, big-endian raw). */
+enum {
+    AUDIO_CODEC_NONE = 0,
+    AUDIO_CODEC_PCM16 = 1,
+    AUDIO_CODEC_PCM_U8 = 2,
+    AUDIO_CODEC_PCM_S8 = 3,
+    AUDIO_CODEC_PCM24 = 4,
+    AUDIO_CODEC_PCM32 = 5,
+    AUDIO_CODEC_FLOAT32 = 6,
+    AUDIO_CODEC_FLOAT64 = 7,
+    AUDIO_CODEC_ULAW = 8,
+    AUDIO_CODEC_ALAW = 9,
+    AUDIO_CODEC_IMA_ADPCM = 17,
+    AUDIO_CODEC_MS_ADPCM = 18,
+    AUDIO_CODEC_GSM610 = 19,
+    AUDIO_CODEC_G721 = 20,    /* G.721 ADPCM, 32 kbit/s */
+    AUDIO_CODEC_G723_24 = 21, /* G.723 ADPCM, 24 kbit/s */
+    AUDIO_CODEC_G723_40 = 22, /* G.723 ADPCM, 40 kbit/s */
+    AUDIO_CODEC_VOX_ADPCM = 23,
+    AUDIO_CODEC_NMS_ADPCM = 24,
+    AUDIO_CODEC_DWVW12 = 26,
+    AUDIO_CODEC_DWVW16 = 27,
+    AUDIO_CODEC_DWVW24 = 28,
+    AUDIO_CODEC_G722 = 29,
+    AUDIO_CODEC_G726 = 30,
+    AUDIO_CODEC_FLAC = 33,
+    AUDIO_CODEC_ALAC = 34,
+    AUDIO_CODEC_WAVPACK = 35,
+    AUDIO_CODEC_APE = 36,
+    AUDIO_CODEC_TTA = 37,
+    AUDIO_CODEC_SHORTEN = 38,
+    AUDIO_CODEC_TAK = 39,
+    AUDIO_CODEC_MP4ALS = 40,
+    AUDIO_CODEC_VORBIS = 41,
+    AUDIO_CODEC_OPUS = 42,
+    AUDIO_CODEC_SPEEX = 45,
+    AUDIO_CODEC_AMR_NB = 48,
+    AUDIO_CODEC_AMR_WB = 49,
+    AUDIO_CODEC_MPEG_L1 = 65,
+    AUDIO_CODEC_MPEG_L2 = 66,
+    AUDIO_CODEC_MPEG_L3 = 67,
+    AUDIO_CODEC_AAC = 68,
+    AUDIO_CODEC_HE_AAC = 69,
+    AUDIO_CODEC_HE_AAC_V2 = 70,
+    AUDIO_CODEC_AC3 = 71,
+    AUDIO_CODEC_EAC3 = 72,
+    AUDIO_CODEC_DTS = 73,
+    AUDIO_CODEC_TRUEHD = 74,
+    AUDIO_CODEC_WMA_V1 = 97,
+    AUDIO_CODEC_WMA_V2 = 98,
+    AUDIO_CODEC_WMA_PRO = 99,
+    AUDIO_CODEC_WMA_LOSSLESS = 100,
+    AUDIO_CODEC_WMA_VOICE = 101,
+    AUDIO_CODEC_MUSEPACK_SV7 = 128,
+    AUDIO_CODEC_MUSEPACK_SV8 = 129,
+    AUDIO_CODEC_ATRAC3 = 130,
+    AUDIO_CODEC_ATRAC3P = 131,
+    AUDIO_CODEC_COOK = 132,
+    AUDIO_CODEC_NELLYMOSER = 133,
+    AUDIO_CODEC_G729 = 160,
+    AUDIO_CODEC_G723_1 = 161,
+    AUDIO_CODEC_FLAG_BIGENDIAN = 0x8000,
+    AUDIO_CODEC_MASK = 0x7fff
+};
+
+/* Error codes of the engine, in the foundation's error slot. */
+enum {
+    AUDIOERR_FIRST = 100,
+    AUDIOERR_UNKNOWN_FORMAT = 100,   /* the format string names nothing the engine knows */
+    AUDIOERR_UNRECOGNISED = 101,     /* the content is no audio the engine can read */
+    AUDIOERR_CORRUPT = 102,          /* malformed or truncated data */
+    AUDIOERR_UNSUPPORTED = 103,      /* known, but not in this direction or with these values */
+    AUDIOERR_INVALID_FORMAT = 104,   /* rate, channels or resolution out of range */
+    AUDIOERR_ENCODE = 105,
+    AUDIOERR_DECODE = 106,
+    AUDIOERR_CANCELLED = 107,
+    AUDIOERR_LAST = 107
+};
+
+/* Fills *format with the empty format: everything 0, no texts. */
+SOVAAUDIO_EXPORT void AUDIO_NullFormat(_audio_format* format);
+
+/* A PCM format (codec from the resolution, container none) by value. */
+SOVAAUDIO_EXPORT _audio_format AUDIO_FormatEx(int32_t sampleRate, int16_t numChannels,
+                                              int16_t bitsPerSample);
+
+/* Non-zero when the format is usable: rate 10..500000, 1..8 channels, resolution
+ * 4 (ADPCM), 8, 16, 24, 32 or 64. Null gives 0. */
+SOVAAUDIO_EXPORT int32_t AUDIO_IsValidFormat(const _audio_format* format);
+
+/* The container code, and the codec code with its flag bit, of a format; 0 for null. */
+SOVAAUDIO_EXPORT uint32_t AUDIO_FormatContainer(const _audio_format* format);
+SOVAAUDIO_EXPORT uint32_t AUDIO_FormatAudioCoder(const _audio_format* format);
+
+/* Frames to seconds and back at the format's rate (rounded to the nearest frame); 0 when the
+ * format is null or has no rate. */
+SOVAAUDIO_EXPORT double AUDIO_Sample2Time(const _audio_format* format, int64_t samples);
+SOVAAUDIO_EXPORT int64_t AUDIO_Time2Sample(const _audio_format* format, double seconds);
+
+/* Persistent names: of a codec code (flag bit ignored; "PCM 16-bit"), null for an unknown
+ * code; of a container code, short ("WAV") and extended ("Microsoft RIFF WAVE"), null for an
+ * unknown code or code 0. */
+SOVAAUDIO_EXPORT const char* AUDIODEF_AudioFormatString(uint32_t coder);
+SOVAAUDIO_EXPORT const char* AUDIODEF_ContainerStringShort(uint32_t container);
+SOVAAUDIO_EXPORT const char* AUDIODEF_ContainerStringExtended(uint32_t container);
+
+/* Codec and container codes of a name of the format-string language ("flac", "pcm16",
+ * "ima-adpcm"; any letter case); 0 when unknown. */
+SOVAAUDIO_EXPORT uint32_t AUDIODEF_CodecFromName(const char* name);
+SOVAAUDIO_EXPORT uint32_t AUDIODEF_ContainerFromName(const char* name);
+
+/* All names the format-string language knows, as a persistent "|"-separated text. */
+SOVAAUDIO_EXPORT const char* AUDIO_FormatStringNames(void);
+
+/* ---- Dithering ------------------------------------------------------------------------- */
+
+enum {
+    AUDIODITHER_NONE = 0,
+    AUDIODITHER_RECTANGULAR = 1, /* uniform noise of one step */
+    AUDIODITHER_TRIANGULAR = 2,  /* triangular (TPDF) noise of two steps: the default */
+    AUDIODITHER_COUNT = 3
+};
+
+/* The process-wide default kind, applied whenever float samples are written at 16 bits or
+ * fewer. AUDIODITHER_TRIANGULAR unless changed. */
+SOVAAUDIO_EXPORT int32_t AUDIODITHER_DefaultKind(void);
+/* Sets the default kind; 0 (and nothing changed) for an unknown kind. */
+SOVAAUDIO_EXPORT int32_t AUDIODITHER_SetDefaultKind(int32_t kind);
+/* "none", "rectangular", "triangular"; null for an unknown kind. */
+SOVAAUDIO_EXPORT const char* AUDIODITHER_KindToString(int32_t kind);
+/* The kind of a name (any letter case); -1 when unknown. */
+SOVAAUDIO_EXPORT int32_t AUDIODITHER_KindFromString(const char* name);
+
+/* ---- Mime types ------------------------------------------------------------------------ */
+
+/* Writes the mime type of a format name ("wav", "flac", "mp3", or any container or codec name
+ * of the format-string language; options in brackets are ignored) into buffer. When the name
+ * is empty or null, the container of *format decides. Non-zero on success; 0 when the name is
+ * unknown or the buffer is too small (then it holds ""). */
+SOVAAUDIO_EXPORT int32_t AUDIO_ConvertAudioFormatToMimeTypeEx(const char* formatName,
+                                                              char* buffer, int32_t size,
+                                                              const _audio_format* format);
+/* Writes the format name of a mime type ("audio/flac" -> "flac"; parameters after ";" and
+ * letter case are ignored) into buffer. Non-zero on success, 0 when unknown. */
+SOVAAUDIO_EXPORT int32_t AUDIO_ConvertMimeTypeToAudioFormat(const char* mimeType, char* buffer,
+                                                            int32_t size);
+
+/* ---- Audio files ----------------------------------------------------------------------- */
+
+/* An open audio file, for reading or for writing. Not shared between threads. */
+typedef struct _AUDIOFILE AUDIOFILE;
+
+/* Progress of long work: fraction in [0, 1]; a non-zero return cancels the work. */
+typedef struct _audio_progress {
+    int32_t (*report)(void* user, double fraction);
+    void* user;
+} AUDIO_Progress;
+
+/* Opens path for reading. format: format string (null or "" to detect). flags: 0. startFrame,
+ * numFrames: a window of the file (0, 0 = all of it). Null on failure. Memory stays bounded
+ * whatever the file's length; header fields never size an allocation unchecked. */
+SOVAAUDIO_EXPORT AUDIOFILE* AUDIO_LoadFileEx2(const char* path, const char* format,
+                                              uint32_t flags, int64_t startFrame,
+                                              int64_t numFrames);
+
+/* Creates path for writing. The format string names the container and codec (empty: from the
+ * extension); fmt, when not null, gives rate, channels and resolution, and a resolution or
+ * codec named in the format string wins over fmt's. kbps and quality: -1 for the encoder's
+ * default, or as the kbps= and quality= options. flags: 0. metadata: null, or an option
+ * string of tags (title=, artist=, album=, comment=, date=). expectedFrames: 0, or a hint.
+ * The file is written beside the target and renamed into place by AUDIO_CloseFile, so a
+ * failed or abandoned write leaves no file that looks complete (for plain paths; other schemes
+ * are written in place). Null on failure. */
+SOVAAUDIO_EXPORT AUDIOFILE* AUDIO_CreateFileEx2(const char* path, const char* format,
+                                                const _audio_format* fmt, int32_t kbps,
+                                                int32_t quality, uint32_t flags,
+                                                const char* metadata, int64_t expectedFrames);
+
+/* Fills *format with the file's format (read: as stored; write: as written). Non-zero on
+ * success. */
+SOVAAUDIO_EXPORT int32_t AUDIO_GetAudioFileFormat(AUDIOFILE* file, _audio_format* format);
+
+/* Reads up to frames interleaved frames in one of the three sample kinds (see above). Returns
+ * the frames read, 0 at the end, -1 on error. */
+SOVAAUDIO_EXPORT int64_t AUDIO_Read16(AUDIOFILE* file, int16_t* buffer, int64_t frames);
+SOVAAUDIO_EXPORT int64_t AUDIO_ReadFloat(AUDIOFILE* file, float* buffer, int64_t frames);
+SOVAAUDIO_EXPORT int64_t AUDIO_ReadIEEEFloat(AUDIOFILE* file, float* buffer, int64_t frames);
+
+/* Writes frames interleaved frames; returns frames written, -1 on error. */
+SOVAAUDIO_EXPORT int64_t AUDIO_Write16(AUDIOFILE* file, const int16_t* buffer, int64_t frames);
+SOVAAUDIO_EXPORT int64_t AUDIO_WriteFloat(AUDIOFILE* file, const float* buffer, int64_t frames);
+SOVAAUDIO_EXPORT int64_t AUDIO_WriteIEEEFloat(AUDIOFILE* file, const float* buffer,
+                                              int64_t frames);
+
+/* Moves the read position to a frame; non-zero on success (files opened for reading whose
+ * source is seekable). */
+SOVAAUDIO_EXPORT int32_t AUDIO_Seek(AUDIOFILE* file, int64_t frame);
+
+/* Frames in the file (read: in total, an estimate from the header for some compressed
+ * streams, -1 when unknown; write: written so far); -1 for null. */
+SOVAAUDIO_EXPORT int64_t AUDIO_Length(AUDIOFILE* file);
+/* Length in seconds; -1.0 when unknown. */
+SOVAAUDIO_EXPORT double AUDIO_Duration(AUDIOFILE* file);
+/* Average bit rate of the stored stream in bit/s; 0 when unknown. */
+SOVAAUDIO_EXPORT int64_t AUDIO_BitRate(AUDIOFILE* file);
+
+/* Closes the file: a written file is finished and moved into place. 1 on success; 0 when
+ * finishing failed (the target is then removed). Null is accepted. */
+SOVAAUDIO_EXPORT int32_t AUDIO_CloseFile(AUDIOFILE* file);
+
+/* Duration in seconds of a file; -1.0 when it cannot be read. */
+SOVAAUDIO_EXPORT double AUDIO_GetAudioFileDurationEx(const char* path, const char* format);
+
+/* Converts a whole file in blocks: source path and format string, target path and format
+ * string. fmt, when not null and valid, gives the target's rate, channels and resolution (rate
+ * and channels are converted); it is then filled with the format written. progress may be
+ * null. 1 on success; on failure or cancel no target is left behind. */
+SOVAAUDIO_EXPORT int32_t AUDIO_ConvertEx(const AUDIO_Progress* progress, const char* source,
+                                         const char* sourceFormat, const char* target,
+                                         const char* targetFormat, _audio_format* fmt);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

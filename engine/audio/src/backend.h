@@ -1,0 +1,103 @@
+// Inside the audio engine: the parsed format string, and the reader and writer interfaces
+// that the file layer (files.cpp) drives and the backends (libsndfile, FFmpeg) implement.
+#ifndef SOVA_AUDIO_BACKEND_H
+#define SOVA_AUDIO_BACKEND_H
+
+#include <sova/audio.h>
+#include <sova/blio.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace sova::audio {
+
+// A parsed format string. Numbers left at 0 (or -1 for kbps/quality/dither) were not given.
+struct FormatSpec {
+    std::string name;       // lower-cased name as written, "" when none
+    uint32_t container = 0; // AUDIO_CONTAINER_*, 0 = not given (detect / from extension)
+    uint32_t coder = 0;     // AUDIO_CODEC_* with flag bit, 0 = the container's default
+    int32_t sampleRate = 0;
+    int32_t numChannels = 0;
+    int32_t bitsPerSample = 0;
+    int32_t kbps = -1;
+    int32_t quality = -1;
+    int32_t dither = -1;    // AUDIODITHER_*, -1 = the default kind
+    int32_t endian = 0;     // 0 = container default, 1 = little, 2 = big
+    std::string options;    // the bracketed option string as written
+};
+
+// Parses a format string; false (error recorded) when the name is unknown or an option value
+// is out of range.
+bool parseFormatString(const char* text, FormatSpec& spec);
+
+// What a reader knows of its stream.
+struct StreamInfo {
+    _audio_format format{};  // rate, channels, resolution, container, coder, pooled texts
+    int64_t frames = -1;     // total frames, -1 unknown
+    int64_t bitRate = 0;     // bit/s of the stored stream, 0 unknown
+    bool seekable = false;
+};
+
+// Decodes one stream. Samples are interleaved floats normalised to +-1.0.
+class Reader {
+public:
+    virtual ~Reader() = default;
+    virtual const StreamInfo& info() const = 0;
+    // Frames read into dst (frames * channels floats), 0 at the end, -1 on error (recorded).
+    virtual int64_t read(float* dst, int64_t frames) = 0;
+    // The same as signed 16-bit integers; the default converts from read() with rounding and
+    // clipping. Backends with a native integer path override it.
+    virtual int64_t read16(int16_t* dst, int64_t frames);
+    // Moves to a frame; false (recorded) when not possible.
+    virtual bool seek(int64_t frame) = 0;
+};
+
+// Encodes one stream. The file layer has already clipped nothing: encoders clip as they must.
+class Writer {
+public:
+    virtual ~Writer() = default;
+    // Frames written from src (interleaved, +-1.0), -1 on error (recorded).
+    virtual int64_t write(const float* src, int64_t frames) = 0;
+    // Signed 16-bit integers; the default converts to float. Backends with an integer path
+    // override it (the file layer uses it after dithering for targets of 16 bits or fewer).
+    virtual int64_t write16(const int16_t* src, int64_t frames);
+    // Flushes encoders and finishes headers; false (recorded) on failure. Called once.
+    virtual bool finish() = 0;
+    // The format being written.
+    virtual const _audio_format& format() const = 0;
+};
+
+// Backends. `io` is an open foundation handle the reader or writer borrows; the caller closes
+// it after destroying the reader or writer. `path` is used in messages only. Each returns null
+// with an error recorded. For reading, spec.container == 0 asks the backend to detect.
+std::unique_ptr<Reader> openSndfileReader(_HFile* io, const std::string& path,
+                                          const FormatSpec& spec);
+std::unique_ptr<Writer> openSndfileWriter(_HFile* io, const std::string& path,
+                                          const FormatSpec& spec, const _audio_format& fmt);
+std::unique_ptr<Reader> openFfmpegReader(_HFile* io, const std::string& path,
+                                         const FormatSpec& spec);
+std::unique_ptr<Writer> openFfmpegWriter(_HFile* io, const std::string& path,
+                                         const FormatSpec& spec, const _audio_format& fmt,
+                                         const char* metadata);
+// True when the backend writes this container/codec pair (coder 0 = container default).
+bool sndfileWrites(uint32_t container, uint32_t coder);
+bool ffmpegWrites(uint32_t container, uint32_t coder);
+
+// Wraps a reader so that it delivers rate `sampleRate` and `numChannels` channels (0 = keep).
+std::unique_ptr<Reader> convertingReader(std::unique_ptr<Reader> source, int32_t sampleRate,
+                                         int32_t numChannels);
+
+// Records an engine error in the calling thread's slot (printf-style message).
+void setError(int32_t code, const char* format, ...)
+#if defined(__GNUC__)
+    __attribute__((format(printf, 2, 3)))
+#endif
+    ;
+
+// Pooled persistent copy of a text (never freed), null for null.
+const char* pooled(const char* text);
+
+} // namespace sova::audio
+
+#endif
