@@ -88,6 +88,17 @@ bool ffmpegWrites(uint32_t container, uint32_t coder);
 std::unique_ptr<Reader> convertingReader(std::unique_ptr<Reader> source, int32_t sampleRate,
                                          int32_t numChannels);
 
+// Tables of formats.cpp. Container of a file extension without the dot ("wav", "M4A"), 0 when
+// unknown; the codec a container gets when the format string names none; whether a codec is
+// lossy (perceptual: MP3, Vorbis, AAC, ...), so that dithering makes no sense for it; the
+// resolution a codec stores (16 for ADPCM and lossy codecs, which decode to 16-bit quality).
+uint32_t containerFromExtension(const std::string& extension);
+uint32_t defaultCoder(uint32_t container);
+bool isLossyCoder(uint32_t coder);
+int32_t coderBits(uint32_t coder);
+// Mime type of a container (persistent text), null when it has none.
+const char* containerMimeType(uint32_t container);
+
 // Records an engine error in the calling thread's slot (printf-style message).
 void setError(int32_t code, const char* format, ...)
 #if defined(__GNUC__)

@@ -1,0 +1,3 @@
+#ifndef QSOVAAUDIOFORMAT_H
+#define QSOVAAUDIOFORMAT_H
+#endif

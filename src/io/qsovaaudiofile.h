@@ -1,0 +1,3 @@
+#ifndef QSOVAAUDIOFILE_H
+#define QSOVAAUDIOFILE_H
+#endif

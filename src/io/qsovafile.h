@@ -1,0 +1,3 @@
+#ifndef QSOVAFILE_H
+#define QSOVAFILE_H
+#endif
