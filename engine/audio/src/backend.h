@@ -95,6 +95,8 @@ std::unique_ptr<Reader> convertingReader(std::unique_ptr<Reader> source, int32_t
 uint32_t containerFromExtension(const std::string& extension);
 uint32_t defaultCoder(uint32_t container);
 bool isLossyCoder(uint32_t coder);
+// The container a bare codec name implies ("vorbis" -> Ogg Vorbis, "pcm24" -> WAV), 0 for none.
+uint32_t containerForCodec(uint32_t coder);
 int32_t coderBits(uint32_t coder);
 // Mime type of a container (persistent text), null when it has none.
 const char* containerMimeType(uint32_t container);

@@ -204,7 +204,7 @@ SOVAAUDIO_EXPORT _audio_format AUDIO_FormatEx(int32_t sampleRate, int16_t numCha
                                               int16_t bitsPerSample);
 
 /* Non-zero when the format is usable: rate 10..500000, 1..8 channels, resolution
- * 4 (ADPCM), 8, 16, 24, 32 or 64. Null gives 0. */
+ * 3, 4 or 5 (ADPCMs), 8, 12, 16, 20, 24, 32 or 64. Null gives 0. */
 SOVAAUDIO_EXPORT int32_t AUDIO_IsValidFormat(const _audio_format* format);
 
 /* The container code, and the codec code with its flag bit, of a format; 0 for null. */
