@@ -3,6 +3,8 @@
 #include "qsovaiohandler.h"
 #include "qtsovacoreversion.h"
 
+#include <sova/blerror.h>
+
 #include <cstdio>
 
 namespace {
@@ -89,6 +91,11 @@ int minSampleRate()
 int maxSampleRate()
 {
     return 500000;
+}
+
+QString lastErrorString()
+{
+    return QString::fromUtf8(BLERROR_LastMessage());
 }
 
 } // namespace QSova

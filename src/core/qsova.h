@@ -2,6 +2,8 @@
 
 #include "qtsovacore_export.h"
 
+#include <QString>
+
 #include <cstdint>
 
 extern "C" {
@@ -35,5 +37,10 @@ QTSOVACORE_EXPORT int minNumChannels();
 QTSOVACORE_EXPORT int maxNumChannels();
 QTSOVACORE_EXPORT int minSampleRate(); // Hz
 QTSOVACORE_EXPORT int maxSampleRate(); // Hz
+
+// Why the last failing engine call of this thread failed ("cannot read 'x.wav': ..."), for
+// messages to a user; empty when nothing failed. The wrappers themselves report failure only
+// through their results.
+QTSOVACORE_EXPORT QString lastErrorString();
 
 } // namespace QSova
