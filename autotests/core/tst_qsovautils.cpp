@@ -1,3 +1,4 @@
+#include <QSovaAudioFormat>
 #include <QSovaUtils>
 #include <QtTest>
 
@@ -117,6 +118,60 @@ private slots:
         QFETCH(QByteArray, separator);
         QFETCH(QByteArray, expected);
         QCOMPARE(QSova::QByteArrayList_join(list, separator), expected);
+    }
+
+    void defaultDithering()
+    {
+        QCOMPARE(QSova::defaultDithering(), QStringLiteral("triangular"));
+        QVERIFY(AUDIODITHER_SetDefaultKind(AUDIODITHER_NONE));
+        QCOMPARE(QSova::defaultDithering(), QStringLiteral("none"));
+        QVERIFY(AUDIODITHER_SetDefaultKind(AUDIODITHER_TRIANGULAR));
+    }
+
+    void mimeTypes_data()
+    {
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<uint>("container"); // of the format passed along
+        QTest::addColumn<QString>("mime");
+        QTest::newRow("wav") << "wav" << 0u << "audio/wav";
+        QTest::newRow("name wins over format") << "flac" << uint(AUDIO_CONTAINER_WAV)
+                                               << "audio/flac";
+        QTest::newRow("options ignored") << "wav[codec=ulaw]" << 0u << "audio/wav";
+        QTest::newRow("empty name takes container") << "" << uint(AUDIO_CONTAINER_FLAC)
+                                                    << "audio/flac";
+        QTest::newRow("empty name and none") << "" << 0u << "";
+        QTest::newRow("unknown") << "nosuchformat" << 0u << "";
+    }
+
+    void mimeTypes()
+    {
+        QFETCH(QString, name);
+        QFETCH(uint, container);
+        QFETCH(QString, mime);
+        _audio_format record = AUDIO_FormatEx(44100, 2, 16);
+        record.container = container;
+        QCOMPARE(QSova::audioFormatToMimeType(name, QSovaAudioFormat(&record)), mime);
+        if (container == 0)
+            QCOMPARE(QSova::audioFormatToMimeType(name), mime);
+        if (!mime.isEmpty() && !name.isEmpty() && !name.contains(QLatin1Char('[')))
+            QCOMPARE(QSova::mimeTypeToAudioFormat(mime), name);
+    }
+
+    void mimeTypeToFormat_data()
+    {
+        QTest::addColumn<QString>("mime");
+        QTest::addColumn<QString>("name");
+        QTest::newRow("alias") << "audio/x-wav" << "wav";
+        QTest::newRow("parameters and case") << "Audio/FLAC; rate=44100" << "flac";
+        QTest::newRow("unknown") << "text/plain" << "";
+        QTest::newRow("empty") << "" << "";
+    }
+
+    void mimeTypeToFormat()
+    {
+        QFETCH(QString, mime);
+        QFETCH(QString, name);
+        QCOMPARE(QSova::mimeTypeToAudioFormat(mime), name);
     }
 
     void locateConfigFile()

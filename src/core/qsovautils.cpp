@@ -1,5 +1,8 @@
 #include "qsovautils.h"
 
+#include "qsovaaudioformat.h"
+
+#include <sova/audio.h>
 #include <sova/blstring.h>
 
 #include <QByteArrayList>
@@ -119,6 +122,35 @@ QString urlEncode(const QString& text)
 QString urlDecode(const QString& text)
 {
     return decodeWith(BLUTILS_UrlDecode, text);
+}
+
+QString defaultDithering()
+{
+    const char* name = AUDIODITHER_KindToString(AUDIODITHER_DefaultKind());
+    return name ? QString::fromUtf8(name) : QString();
+}
+
+QString audioFormatToMimeType(const QString& formatName, const QSovaAudioFormat& format)
+{
+    char buffer[256];
+    if (!AUDIO_ConvertAudioFormatToMimeTypeEx(formatName.toUtf8().constData(), buffer,
+                                              sizeof buffer, format))
+        return QString();
+    return QString::fromUtf8(buffer);
+}
+
+QString audioFormatToMimeType(const QString& formatName)
+{
+    return audioFormatToMimeType(formatName, QSovaAudioFormat());
+}
+
+QString mimeTypeToAudioFormat(const QString& mimeType)
+{
+    char buffer[256];
+    if (!AUDIO_ConvertMimeTypeToAudioFormat(mimeType.toUtf8().constData(), buffer,
+                                            sizeof buffer))
+        return QString();
+    return QString::fromUtf8(buffer);
 }
 
 QByteArray QByteArrayList_join(const QList<QByteArray>& list, const QByteArray& separator)

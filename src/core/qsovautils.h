@@ -6,6 +6,8 @@
 #include <QList>
 #include <QString>
 
+class QSovaAudioFormat;
+
 // Small text and path services.
 namespace QSova {
 
@@ -31,6 +33,18 @@ QTSOVACORE_EXPORT QString stringDecode(const QString& text);
 // RFC 3986 percent-encoding of the text's UTF-8 bytes, and back.
 QTSOVACORE_EXPORT QString urlEncode(const QString& text);
 QTSOVACORE_EXPORT QString urlDecode(const QString& text);
+
+// The engine's name of its default dithering kind ("triangular"); empty when it has none.
+QTSOVACORE_EXPORT QString defaultDithering();
+
+// The mime type of a format name ("wav", "flac", or any container or codec name the engine's
+// format strings know); for an empty name, format's container decides. Empty when unknown.
+QTSOVACORE_EXPORT QString audioFormatToMimeType(const QString& formatName,
+                                                const QSovaAudioFormat& format);
+QTSOVACORE_EXPORT QString audioFormatToMimeType(const QString& formatName);
+
+// The engine's format name of a mime type ("audio/flac" gives "flac"); empty when unknown.
+QTSOVACORE_EXPORT QString mimeTypeToAudioFormat(const QString& mimeType);
 
 // The items joined with separator between them.
 QTSOVACORE_EXPORT QByteArray QByteArrayList_join(const QList<QByteArray>& list,
