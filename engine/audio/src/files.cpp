@@ -1,1 +1,1098 @@
+// The audio-file functions of audio.h: opening through the I/O layer, backend dispatch, the
+// three sample kinds, dithering, the read window, atomic creation and whole-file conversion.
 #include "backend.h"
+
+#include <sova/blerror.h>
+#include <sova/blio.h>
+#include <sova/blstring.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <climits>
+#include <cmath>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <new>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace sova::audio;
+
+namespace {
+
+// Frames moved per call inside the engine: bounds every temporary buffer whatever the caller
+// asks for. Budgets in samples keep files with many channels from growing the buffers.
+constexpr int64_t kSampleBudget = 32768;
+constexpr int64_t kConvertFrames = 8192;
+// Readers may report up to this many channels (libsndfile's own limit); anything above is
+// taken as a corrupt header.
+constexpr int32_t kMaxReadChannels = 1024;
+constexpr int32_t kMaxReadRate = 10000000;
+
+int64_t blockFrames(int32_t channels)
+{
+    return std::max<int64_t>(1, kSampleBudget / std::max<int32_t>(1, channels));
+}
+
+bool isPcmInteger(uint32_t coder)
+{
+    switch (coder & AUDIO_CODEC_MASK) {
+    case AUDIO_CODEC_PCM16: case AUDIO_CODEC_PCM_U8: case AUDIO_CODEC_PCM_S8:
+    case AUDIO_CODEC_PCM24: case AUDIO_CODEC_PCM32:
+        return true;
+    default:
+        return false;
+    }
+}
+
+// Lossless codecs whose resolution is the caller's to choose ("flac" names one, but the
+// table's 16 bits are no more than a default).
+bool storesAnyResolution(uint32_t coder)
+{
+    switch (coder & AUDIO_CODEC_MASK) {
+    case AUDIO_CODEC_FLAC: case AUDIO_CODEC_ALAC: case AUDIO_CODEC_WAVPACK: case AUDIO_CODEC_APE:
+    case AUDIO_CODEC_TTA: case AUDIO_CODEC_TAK: case AUDIO_CODEC_SHORTEN:
+    case AUDIO_CODEC_MP4ALS: case AUDIO_CODEC_WMA_LOSSLESS: case AUDIO_CODEC_TRUEHD:
+        return true;
+    default:
+        return false;
+    }
+}
+
+bool isFloatCoder(uint32_t coder)
+{
+    const uint32_t c = coder & AUDIO_CODEC_MASK;
+    return c == AUDIO_CODEC_FLOAT32 || c == AUDIO_CODEC_FLOAT64;
+}
+
+// Containers libsndfile reads; the rest goes to FFmpeg.
+bool sndfileReads(uint32_t container)
+{
+    switch (container) {
+    case AUDIO_CONTAINER_RAW: case AUDIO_CONTAINER_WAV: case AUDIO_CONTAINER_AIFF:
+    case AUDIO_CONTAINER_AU: case AUDIO_CONTAINER_CAF: case AUDIO_CONTAINER_FLAC:
+    case AUDIO_CONTAINER_OGG_VORBIS: case AUDIO_CONTAINER_OGG_OPUS:
+    case AUDIO_CONTAINER_OGG_OTHER: case AUDIO_CONTAINER_VOC: case AUDIO_CONTAINER_W64:
+    case AUDIO_CONTAINER_RF64: case AUDIO_CONTAINER_IRCAM: case AUDIO_CONTAINER_PAF:
+    case AUDIO_CONTAINER_NIST: case AUDIO_CONTAINER_AVR: case AUDIO_CONTAINER_MAT:
+    case AUDIO_CONTAINER_MPC2K: case AUDIO_CONTAINER_HTK: case AUDIO_CONTAINER_MPEG:
+    case AUDIO_CONTAINER_VOX: case AUDIO_CONTAINER_WSIG:
+        return true;
+    default:
+        return false;
+    }
+}
+
+bool hasScheme(const std::string& path)
+{
+    const size_t colon = path.find("://");
+    if (colon == std::string::npos || colon == 0)
+        return false;
+    if (!std::isalpha(static_cast<unsigned char>(path[0])))
+        return false;
+    for (size_t i = 0; i < colon; ++i) {
+        const unsigned char c = static_cast<unsigned char>(path[i]);
+        if (!std::isalnum(c) && c != '+' && c != '-' && c != '.')
+            return false;
+    }
+    return true;
+}
+
+std::string extensionOf(const std::string& path)
+{
+    const size_t slash = path.find_last_of("/\\");
+    const size_t dot = path.rfind('.');
+    if (dot == std::string::npos || (slash != std::string::npos && dot < slash))
+        return std::string();
+    return path.substr(dot + 1);
+}
+
+// The ":fmtconv[...]" suffix of a read path.
+struct FmtConv {
+    bool present = false;
+    int32_t sampleRate = 0;
+    int32_t numChannels = 0;
+    int32_t bitsPerSample = 0;
+};
+
+// Splits ":fmtconv[...]" (any case) off the end of path. false (recorded) when its options are
+// out of range.
+bool splitFmtConv(std::string& path, FmtConv& conv)
+{
+    std::string lower = path;
+    for (char& c : lower)
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    const size_t at = lower.rfind(":fmtconv");
+    if (at == std::string::npos)
+        return true;
+    const std::string rest = path.substr(at + 8);
+    std::string options;
+    if (rest.empty()) {
+        options.clear();
+    } else if (rest.front() == '[' && rest.back() == ']') {
+        options = rest.substr(1, rest.size() - 2);
+    } else {
+        return true; // not a suffix, part of the name
+    }
+    const std::string original = path;
+    path.erase(at);
+    conv.present = true;
+    FormatSpec spec;
+    if (!parseFormatString(("[" + options + "]").c_str(), spec)) {
+        setError(BLERROR_LastCode(), "'%s': %s", original.c_str(), BLERROR_LastMessage());
+        return false;
+    }
+    conv.sampleRate = spec.sampleRate;
+    conv.numChannels = spec.numChannels;
+    conv.bitsPerSample = spec.bitsPerSample;
+    return true;
+}
+
+// The error slot of a failed call, kept so that a later call can report it again.
+struct SavedError {
+    int32_t code = 0;
+    std::string message;
+    void save()
+    {
+        code = BLERROR_LastCode();
+        message = BLERROR_LastMessage();
+    }
+    void restore() const
+    {
+        if (code != 0)
+            BLERROR_Set(code, "%s", message.c_str());
+    }
+};
+
+// A deterministic per-file noise source for dithering (xorshift32).
+struct Dither {
+    int32_t kind = AUDIODITHER_NONE;
+    uint32_t state = 0x9E3779B9u;
+    // Uniform in [-0.5, 0.5).
+    double uniform()
+    {
+        state ^= state << 13;
+        state ^= state >> 17;
+        state ^= state << 5;
+        return (state >> 8) * (1.0 / 16777216.0) - 0.5;
+    }
+    double noise()
+    {
+        switch (kind) {
+        case AUDIODITHER_RECTANGULAR: return uniform();
+        case AUDIODITHER_TRIANGULAR: return uniform() + uniform();
+        default: return 0.0;
+        }
+    }
+};
+
+} // namespace
+
+struct _AUDIOFILE {
+    std::string path; // as the caller gave it, for messages
+    _HFile* io = nullptr;
+    std::unique_ptr<Reader> reader;
+    std::unique_ptr<Writer> writer;
+
+    // Reading: the window and the position in it.
+    int64_t windowStart = 0;
+    int64_t windowLength = -1;        // -1 unknown
+    int64_t windowLimit = INT64_MAX;  // frames the window allows, known length or not
+    int64_t position = 0;
+    int16_t reportedBits = 0;  // ":fmtconv[nbits=]", 0 = as stored
+
+    // Writing.
+    std::string target;   // where the file goes
+    std::string tempPath; // "" when written in place
+    int64_t written = 0;
+    bool failed = false;
+    SavedError failure;
+    Dither dither;
+    bool quantise = false; // float input is dithered to integers
+    bool eightBit = false; // ...of 8 bits, stored as multiples of 256
+    std::vector<float> floatBlock;
+    std::vector<int16_t> intBlock;
+};
+
+namespace sova::audio {
+
+void setError(int32_t code, const char* format, ...)
+{
+    char buffer[1024];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(buffer, sizeof buffer, format, args);
+    va_end(args);
+    BLERROR_Set(code, "%s", buffer);
+}
+
+const char* pooled(const char* text)
+{
+    return text ? GetBString(text, 1) : nullptr;
+}
+
+int64_t Reader::read16(int16_t* dst, int64_t frames)
+{
+    const int32_t channels = std::max<int32_t>(1, info().format.numChannels);
+    const int64_t block = blockFrames(channels);
+    std::vector<float> buffer(static_cast<size_t>(std::min(frames, block) * channels));
+    int64_t done = 0;
+    while (done < frames) {
+        const int64_t n = read(buffer.data(), std::min(block, frames - done));
+        if (n < 0)
+            return done > 0 ? done : -1;
+        if (n == 0)
+            break;
+        int16_t* out = dst + done * channels;
+        for (int64_t i = 0; i < n * channels; ++i) {
+            const double v = std::floor(static_cast<double>(buffer[i]) * 32768.0 + 0.5);
+            out[i] = static_cast<int16_t>(v >= 32767.0 ? 32767 : v <= -32768.0 ? -32768
+                                          : v == v           ? v
+                                                             : 0);
+        }
+        done += n;
+    }
+    return done;
+}
+
+int64_t Writer::write16(const int16_t* src, int64_t frames)
+{
+    const int32_t channels = std::max<int32_t>(1, format().numChannels);
+    const int64_t block = blockFrames(channels);
+    std::vector<float> buffer(static_cast<size_t>(std::min(frames, block) * channels));
+    int64_t done = 0;
+    while (done < frames) {
+        const int64_t n = std::min(block, frames - done);
+        const int16_t* in = src + done * channels;
+        for (int64_t i = 0; i < n * channels; ++i)
+            buffer[i] = static_cast<float>(in[i] * (1.0 / 32768.0));
+        const int64_t w = write(buffer.data(), n);
+        if (w < 0)
+            return -1;
+        done += w;
+        if (w < n)
+            break;
+    }
+    return done;
+}
+
+} // namespace sova::audio
+
+namespace {
+
+void destroy(AUDIOFILE* file)
+{
+    file->reader.reset();
+    file->writer.reset();
+    if (file->io)
+        BLIO_CloseFile(file->io);
+    delete file;
+}
+
+// Opens the stream of path with the backend the spec or the content calls for.
+std::unique_ptr<Reader> openReader(_HFile* io, const std::string& path, const FormatSpec& spec)
+{
+    if (spec.container != 0) {
+        if (sndfileReads(spec.container))
+            return openSndfileReader(io, path, spec);
+        return openFfmpegReader(io, path, spec);
+    }
+    if (spec.coder != 0) {
+        // A codec alone: look in its container first, then let the content decide.
+        FormatSpec withContainer = spec;
+        withContainer.container = containerForCodec(spec.coder);
+        if (sndfileReads(withContainer.container))
+            if (auto reader = openSndfileReader(io, path, withContainer))
+                return reader;
+        if (!BLIO_Seek(io, 0, BLIO_SEEK_SET))
+            return nullptr;
+    }
+    if (auto reader = openSndfileReader(io, path, spec))
+        return reader;
+    SavedError sndfile;
+    sndfile.save();
+    if (!BLIO_Seek(io, 0, BLIO_SEEK_SET)) {
+        sndfile.restore();
+        return nullptr;
+    }
+    if (auto reader = openFfmpegReader(io, path, spec))
+        return reader;
+    if (BLERROR_LastCode() == AUDIOERR_UNRECOGNISED || BLERROR_LastCode() == BLERR_NONE)
+        sndfile.restore();
+    return nullptr;
+}
+
+AUDIOFILE* openForReading(const char* pathText, const char* format, int64_t startFrame,
+                          int64_t numFrames, int32_t convertRate, int32_t convertChannels)
+{
+    if (!pathText) {
+        setError(BLERR_INVALID_ARGUMENT, "no path given to open");
+        return nullptr;
+    }
+    if (startFrame < 0 || numFrames < 0) {
+        setError(BLERR_INVALID_ARGUMENT, "'%s': negative window (start %lld, frames %lld)",
+                 pathText, static_cast<long long>(startFrame),
+                 static_cast<long long>(numFrames));
+        return nullptr;
+    }
+    std::string path = pathText;
+    FmtConv conv;
+    if (!splitFmtConv(path, conv))
+        return nullptr;
+    FormatSpec spec;
+    if (!parseFormatString(format, spec)) {
+        setError(BLERROR_LastCode(), "'%s': %s", pathText, BLERROR_LastMessage());
+        return nullptr;
+    }
+
+    auto file = new (std::nothrow) AUDIOFILE;
+    if (!file) {
+        setError(BLERR_NO_MEMORY, "'%s': out of memory", pathText);
+        return nullptr;
+    }
+    file->path = pathText;
+    file->io = BLIO_Open(path.c_str(), "r");
+    if (!file->io) {
+        destroy(file);
+        return nullptr;
+    }
+    file->reader = openReader(file->io, path, spec);
+    if (!file->reader) {
+        if (BLERROR_LastCode() == BLERR_NONE)
+            setError(AUDIOERR_UNRECOGNISED, "'%s': not an audio file the engine can read",
+                     pathText);
+        destroy(file);
+        return nullptr;
+    }
+
+    const StreamInfo& info = file->reader->info();
+    if (info.format.numChannels < 1 || info.format.numChannels > kMaxReadChannels
+        || info.format.sampleRate < 1 || info.format.sampleRate > kMaxReadRate) {
+        setError(AUDIOERR_CORRUPT, "'%s': impossible format (%d Hz, %d channels)", pathText,
+                 info.format.sampleRate, info.format.numChannels);
+        destroy(file);
+        return nullptr;
+    }
+
+    const int32_t rate = conv.sampleRate ? conv.sampleRate : convertRate;
+    const int32_t channels = conv.numChannels ? conv.numChannels : convertChannels;
+    if ((rate && rate != info.format.sampleRate)
+        || (channels && channels != info.format.numChannels)) {
+        file->reader = convertingReader(std::move(file->reader), rate, channels);
+        if (!file->reader) {
+            setError(BLERROR_LastCode(), "'%s': %s", pathText, BLERROR_LastMessage());
+            destroy(file);
+            return nullptr;
+        }
+    }
+    file->reportedBits = static_cast<int16_t>(conv.bitsPerSample);
+
+    // The window.
+    const int64_t total = file->reader->info().frames;
+    if (total >= 0 && startFrame > total) {
+        setError(BLERR_INVALID_ARGUMENT, "'%s': start frame %lld is beyond the end (%lld frames)",
+                 pathText, static_cast<long long>(startFrame), static_cast<long long>(total));
+        destroy(file);
+        return nullptr;
+    }
+    if (startFrame > 0) {
+        if (file->reader->info().seekable) {
+            if (!file->reader->seek(startFrame)) {
+                destroy(file);
+                return nullptr;
+            }
+        } else {
+            const int32_t ch = file->reader->info().format.numChannels;
+            const int64_t block = blockFrames(ch);
+            std::vector<float> scratch(static_cast<size_t>(block * ch));
+            int64_t skipped = 0;
+            while (skipped < startFrame) {
+                const int64_t n = file->reader->read(scratch.data(),
+                                                     std::min(block, startFrame - skipped));
+                if (n < 0) {
+                    destroy(file);
+                    return nullptr;
+                }
+                if (n == 0) {
+                    setError(BLERR_INVALID_ARGUMENT, "'%s': start frame %lld is beyond the end",
+                             pathText, static_cast<long long>(startFrame));
+                    destroy(file);
+                    return nullptr;
+                }
+                skipped += n;
+            }
+        }
+    }
+    file->windowStart = startFrame;
+    file->windowLimit = numFrames > 0 ? numFrames : INT64_MAX;
+    if (total >= 0) {
+        file->windowLimit = std::min(file->windowLimit, total - startFrame);
+        file->windowLength = file->windowLimit;
+    }
+    return file;
+}
+
+int64_t windowRemaining(const AUDIOFILE* file)
+{
+    return std::max<int64_t>(0, file->windowLimit - file->position);
+}
+
+bool checkReadable(AUDIOFILE* file, const void* buffer, int64_t frames)
+{
+    if (!file || !file->reader) {
+        setError(BLERR_INVALID_ARGUMENT, "no audio file open for reading");
+        return false;
+    }
+    if (!buffer || frames < 0) {
+        setError(BLERR_INVALID_ARGUMENT, "'%s': invalid read buffer", file->path.c_str());
+        return false;
+    }
+    return true;
+}
+
+// Reads in bounded calls until frames are read or the stream ends.
+template <typename T, typename Fn>
+int64_t readBlocks(AUDIOFILE* file, T* buffer, int64_t frames, Fn readFn)
+{
+    frames = std::min(frames, windowRemaining(file));
+    const int32_t channels = file->reader->info().format.numChannels;
+    const int64_t block = std::max<int64_t>(blockFrames(channels), 4096);
+    int64_t done = 0;
+    while (done < frames) {
+        const int64_t n = readFn(buffer + done * channels, std::min(block, frames - done));
+        if (n < 0) {
+            if (done > 0)
+                break; // the next call reports it
+            return -1;
+        }
+        if (n == 0)
+            break;
+        done += n;
+    }
+    file->position += done;
+    return done;
+}
+
+bool checkWritable(AUDIOFILE* file, const void* buffer, int64_t frames)
+{
+    if (!file || !file->writer) {
+        setError(BLERR_INVALID_ARGUMENT, "no audio file open for writing");
+        return false;
+    }
+    if ((!buffer && frames > 0) || frames < 0) {
+        setError(BLERR_INVALID_ARGUMENT, "'%s': invalid write buffer", file->path.c_str());
+        return false;
+    }
+    if (file->failed) {
+        file->failure.restore();
+        return false;
+    }
+    return true;
+}
+
+int64_t noteWrite(AUDIOFILE* file, int64_t written)
+{
+    if (written < 0) {
+        file->failed = true;
+        file->failure.save();
+        return -1;
+    }
+    file->written += written;
+    return written;
+}
+
+// Writes normalised floats, dithering them when the target stores 16 bits or fewer.
+int64_t writeNormalised(AUDIOFILE* file, const float* src, int64_t frames)
+{
+    const int32_t channels = file->writer->format().numChannels;
+    const int64_t block = blockFrames(channels);
+    int64_t done = 0;
+    while (done < frames) {
+        const int64_t n = std::min(block, frames - done);
+        const float* in = src + done * channels;
+        int64_t w;
+        if (file->quantise) {
+            file->intBlock.resize(static_cast<size_t>(block * channels));
+            const double scale = file->eightBit ? 128.0 : 32768.0;
+            const double step = 32768.0 / scale;
+            for (int64_t i = 0; i < n * channels; ++i) {
+                double v = std::floor(static_cast<double>(in[i]) * scale
+                                      + file->dither.noise() + 0.5);
+                if (!(v == v))
+                    v = 0.0;
+                v = std::min(std::max(v, -scale), scale - 1.0);
+                file->intBlock[i] = static_cast<int16_t>(v * step);
+            }
+            w = file->writer->write16(file->intBlock.data(), n);
+        } else {
+            w = file->writer->write(in, n);
+        }
+        if (w < 0)
+            return done > 0 ? done : -1;
+        done += w;
+        if (w < n)
+            break;
+    }
+    return done;
+}
+
+std::string directoryOf(const std::string& path)
+{
+    const size_t slash = path.rfind('/');
+    if (slash == std::string::npos)
+        return std::string();
+    return path.substr(0, slash + 1);
+}
+
+// Creates "<dir>/.<name>.sova-XXXXXX" beside a local target with the mode a plain create
+// would give (or the target's own); "" with the reason recorded on failure.
+std::string makeTempBeside(const std::string& target)
+{
+    const size_t slash = target.rfind('/');
+    const std::string name = slash == std::string::npos ? target : target.substr(slash + 1);
+    std::string pattern = directoryOf(target) + "." + name + ".sova-XXXXXX";
+    std::vector<char> temp(pattern.begin(), pattern.end());
+    temp.push_back('\0');
+    const int fd = ::mkstemp(temp.data());
+    if (fd < 0) {
+        setError(BLERR_OPEN_FAILED, "cannot create a temporary file beside '%s': %s",
+                 target.c_str(), std::strerror(errno));
+        return std::string();
+    }
+    struct stat existing;
+    if (::stat(target.c_str(), &existing) == 0) {
+        ::fchmod(fd, existing.st_mode & 07777);
+    } else {
+        const mode_t mask = ::umask(0);
+        ::umask(mask);
+        ::fchmod(fd, 0666 & ~mask);
+    }
+    ::close(fd);
+    return std::string(temp.data());
+}
+
+// Resolves the format to write from the spec, the caller's fmt and the path; false (recorded)
+// when it cannot be told or makes no sense.
+bool resolveWriteFormat(const std::string& path, FormatSpec& spec, const _audio_format* fmt,
+                        _audio_format& out)
+{
+    AUDIO_NullFormat(&out);
+    uint32_t container = spec.container;
+    if (container == 0 && spec.coder != 0)
+        container = containerForCodec(spec.coder);
+    if (container == 0)
+        container = containerFromExtension(extensionOf(path));
+    if (container == 0) {
+        setError(AUDIOERR_UNKNOWN_FORMAT, "cannot tell the format of '%s': give a format string",
+                 path.c_str());
+        return false;
+    }
+    const bool fmtValid = fmt && AUDIO_IsValidFormat(fmt);
+    int32_t rate = spec.sampleRate ? spec.sampleRate : fmtValid ? fmt->sampleRate : 0;
+    int32_t channels = spec.numChannels ? spec.numChannels : fmtValid ? fmt->numChannels : 0;
+    if (rate < 10 || rate > 500000 || channels < 1 || channels > 8) {
+        setError(AUDIOERR_INVALID_FORMAT,
+                 "'%s': no valid sample rate and channel count (%d Hz, %d channels)",
+                 path.c_str(), rate, channels);
+        return false;
+    }
+
+    uint32_t coder = spec.coder ? spec.coder : defaultCoder(container);
+    int32_t bits = spec.bitsPerSample;
+    if (bits == 0 && spec.coder != 0 && !storesAnyResolution(spec.coder))
+        bits = coderBits(spec.coder);
+    if (bits == 0 && fmtValid) {
+        bits = fmt->bitsPerSample;
+        // A resolution FLAC lacks, taken from a source or a default rather than asked for by
+        // name, becomes the nearest one it has.
+        if ((coder & AUDIO_CODEC_MASK) == AUDIO_CODEC_FLAC && bits != 8 && bits != 16)
+            bits = bits > 16 ? 24 : 16;
+    }
+    if (bits == 0)
+        bits = coderBits(coder);
+    if (bits == 0)
+        bits = 16;
+    if (isLossyCoder(coder))
+        bits = coderBits(coder) ? coderBits(coder) : 16;
+
+    // PCM follows the resolution; the flag bit survives.
+    const uint32_t flag = coder & AUDIO_CODEC_FLAG_BIGENDIAN;
+    if (isPcmInteger(coder) || isFloatCoder(coder)) {
+        uint32_t pcm = 0;
+        if (isFloatCoder(coder)) {
+            pcm = bits == 32 ? AUDIO_CODEC_FLOAT32 : bits == 64 ? AUDIO_CODEC_FLOAT64 : 0;
+        } else {
+            switch (bits) {
+            case 8:
+                pcm = (container == AUDIO_CONTAINER_WAV || container == AUDIO_CONTAINER_W64
+                       || container == AUDIO_CONTAINER_RF64)
+                    ? AUDIO_CODEC_PCM_U8
+                    : (coder & AUDIO_CODEC_MASK) == AUDIO_CODEC_PCM_U8 ? AUDIO_CODEC_PCM_U8
+                                                                       : AUDIO_CODEC_PCM_S8;
+                break;
+            case 16: pcm = AUDIO_CODEC_PCM16; break;
+            case 24: pcm = AUDIO_CODEC_PCM24; break;
+            case 32: pcm = AUDIO_CODEC_PCM32; break;
+            case 64: pcm = AUDIO_CODEC_FLOAT64; break;
+            default: break;
+            }
+        }
+        if (pcm == 0) {
+            setError(AUDIOERR_INVALID_FORMAT, "'%s': %s cannot store %d bits", path.c_str(),
+                     AUDIODEF_AudioFormatString(coder) ? AUDIODEF_AudioFormatString(coder)
+                                                       : "this codec",
+                     bits);
+            return false;
+        }
+        coder = pcm | flag;
+        if (spec.endian == 1)
+            coder &= ~static_cast<uint32_t>(AUDIO_CODEC_FLAG_BIGENDIAN);
+        else if (spec.endian == 2 && (coder & AUDIO_CODEC_MASK) != AUDIO_CODEC_PCM_U8
+                 && (coder & AUDIO_CODEC_MASK) != AUDIO_CODEC_PCM_S8)
+            coder |= AUDIO_CODEC_FLAG_BIGENDIAN;
+    }
+
+    out.sampleRate = rate;
+    out.numChannels = static_cast<int16_t>(channels);
+    out.bitsPerSample = static_cast<int16_t>(bits);
+    out.container = container;
+    out.coder = coder;
+    out.mimeType = containerMimeType(container);
+    spec.container = container;
+    spec.coder = coder;
+    spec.sampleRate = rate;
+    spec.numChannels = channels;
+    spec.bitsPerSample = bits;
+    return true;
+}
+
+void removeQuietly(const std::string& path)
+{
+    int32_t code = BLERROR_LastCode();
+    std::string message = BLERROR_LastMessage();
+    BLIO_RemoveFile(path.c_str());
+    if (code != BLERR_NONE)
+        BLERROR_Set(code, "%s", message.c_str());
+}
+
+} // namespace
+
+extern "C" {
+
+AUDIOFILE* AUDIO_LoadFileEx2(const char* path, const char* format, uint32_t flags,
+                             int64_t startFrame, int64_t numFrames)
+{
+    (void)flags;
+    return openForReading(path, format, startFrame, numFrames, 0, 0);
+}
+
+AUDIOFILE* AUDIO_CreateFileEx2(const char* pathText, const char* format, const _audio_format* fmt,
+                               int32_t kbps, int32_t quality, uint32_t flags, const char* metadata,
+                               int64_t expectedFrames)
+{
+    (void)flags;
+    (void)expectedFrames;
+    if (!pathText || !*pathText) {
+        setError(BLERR_INVALID_ARGUMENT, "no path given to create");
+        return nullptr;
+    }
+    const std::string path = pathText;
+    FormatSpec spec;
+    if (!parseFormatString(format, spec)) {
+        setError(BLERROR_LastCode(), "'%s': %s", pathText, BLERROR_LastMessage());
+        return nullptr;
+    }
+    if ((kbps != -1 && (kbps < 0 || kbps > 3200))
+        || (quality != -1 && (quality < 0 || quality > 10))) {
+        setError(AUDIOERR_INVALID_FORMAT, "'%s': bit rate %d kbit/s or quality %d out of range",
+                 pathText, kbps, quality);
+        return nullptr;
+    }
+    if (spec.kbps < 0 && kbps > 0)
+        spec.kbps = kbps;
+    if (spec.quality < 0 && quality >= 0)
+        spec.quality = quality;
+    _audio_format out;
+    if (!resolveWriteFormat(path, spec, fmt, out))
+        return nullptr;
+    const bool bySndfile = sndfileWrites(out.container, out.coder);
+    if (!bySndfile && !ffmpegWrites(out.container, out.coder)) {
+        const char* name = AUDIODEF_AudioFormatString(out.coder);
+        const char* container = AUDIODEF_ContainerStringShort(out.container);
+        setError(AUDIOERR_UNSUPPORTED, "'%s': the engine cannot write %s%s%s", pathText,
+                 name ? name : "this codec", container ? " in " : "", container ? container : "");
+        return nullptr;
+    }
+
+    auto file = new (std::nothrow) AUDIOFILE;
+    if (!file) {
+        setError(BLERR_NO_MEMORY, "'%s': out of memory", pathText);
+        return nullptr;
+    }
+    file->path = path;
+    file->target = path;
+    if (!hasScheme(path)) {
+        file->tempPath = makeTempBeside(path);
+        if (file->tempPath.empty()) {
+            delete file;
+            return nullptr;
+        }
+    }
+    const std::string& where = file->tempPath.empty() ? path : file->tempPath;
+    file->io = BLIO_Open(where.c_str(), "w");
+    if (!file->io) {
+        if (!file->tempPath.empty())
+            removeQuietly(file->tempPath);
+        delete file;
+        return nullptr;
+    }
+    if (bySndfile)
+        file->writer = openSndfileWriter(file->io, path, spec, out);
+    else
+        file->writer = openFfmpegWriter(file->io, path, spec, out, metadata);
+    if (!file->writer) {
+        if (BLERROR_LastCode() == BLERR_NONE)
+            setError(AUDIOERR_ENCODE, "'%s': the encoder could not start", pathText);
+        SavedError error;
+        error.save();
+        BLIO_CloseFile(file->io);
+        file->io = nullptr;
+        BLIO_RemoveFile(where.c_str());
+        delete file;
+        error.restore();
+        return nullptr;
+    }
+
+    const _audio_format& written = file->writer->format();
+    const uint32_t coder = written.coder & AUDIO_CODEC_MASK;
+    file->quantise = !isLossyCoder(written.coder) && !isFloatCoder(written.coder)
+        && written.bitsPerSample > 0 && written.bitsPerSample <= 16;
+    file->eightBit = written.bitsPerSample == 8 && coder != AUDIO_CODEC_ULAW
+        && coder != AUDIO_CODEC_ALAW;
+    file->dither.kind = spec.dither >= 0 ? spec.dither : AUDIODITHER_DefaultKind();
+    return file;
+}
+
+int32_t AUDIO_GetAudioFileFormat(AUDIOFILE* file, _audio_format* format)
+{
+    if (!file || !format || (!file->reader && !file->writer)) {
+        setError(BLERR_INVALID_ARGUMENT, "no audio file or no format record");
+        return 0;
+    }
+    if (file->writer) {
+        *format = file->writer->format();
+    } else {
+        *format = file->reader->info().format;
+        if (file->reportedBits)
+            format->bitsPerSample = file->reportedBits;
+    }
+    return 1;
+}
+
+int64_t AUDIO_ReadIEEEFloat(AUDIOFILE* file, float* buffer, int64_t frames)
+{
+    if (!checkReadable(file, buffer, frames))
+        return -1;
+    Reader* reader = file->reader.get();
+    return readBlocks(file, buffer, frames,
+                      [reader](float* dst, int64_t n) { return reader->read(dst, n); });
+}
+
+int64_t AUDIO_ReadFloat(AUDIOFILE* file, float* buffer, int64_t frames)
+{
+    const int64_t n = AUDIO_ReadIEEEFloat(file, buffer, frames);
+    if (n <= 0)
+        return n;
+    for (int64_t i = 0; i < n * file->reader->info().format.numChannels; ++i)
+        buffer[i] *= 32768.0f;
+    return n;
+}
+
+int64_t AUDIO_Read16(AUDIOFILE* file, int16_t* buffer, int64_t frames)
+{
+    if (!checkReadable(file, buffer, frames))
+        return -1;
+    Reader* reader = file->reader.get();
+    return readBlocks(file, buffer, frames,
+                      [reader](int16_t* dst, int64_t n) { return reader->read16(dst, n); });
+}
+
+int64_t AUDIO_WriteIEEEFloat(AUDIOFILE* file, const float* buffer, int64_t frames)
+{
+    if (!checkWritable(file, buffer, frames))
+        return -1;
+    return noteWrite(file, writeNormalised(file, buffer, frames));
+}
+
+int64_t AUDIO_WriteFloat(AUDIOFILE* file, const float* buffer, int64_t frames)
+{
+    if (!checkWritable(file, buffer, frames))
+        return -1;
+    const int32_t channels = file->writer->format().numChannels;
+    const int64_t block = blockFrames(channels);
+    file->floatBlock.resize(static_cast<size_t>(block * channels));
+    int64_t done = 0;
+    while (done < frames) {
+        const int64_t n = std::min(block, frames - done);
+        const float* in = buffer + done * channels;
+        for (int64_t i = 0; i < n * channels; ++i)
+            file->floatBlock[i] = in[i] * (1.0f / 32768.0f);
+        const int64_t w = writeNormalised(file, file->floatBlock.data(), n);
+        if (w < 0)
+            return noteWrite(file, -1);
+        done += w;
+        if (w < n)
+            break;
+    }
+    return noteWrite(file, done);
+}
+
+int64_t AUDIO_Write16(AUDIOFILE* file, const int16_t* buffer, int64_t frames)
+{
+    if (!checkWritable(file, buffer, frames))
+        return -1;
+    const int32_t channels = file->writer->format().numChannels;
+    const int64_t block = std::max<int64_t>(blockFrames(channels), 4096);
+    int64_t done = 0;
+    while (done < frames) {
+        const int64_t n = std::min(block, frames - done);
+        const int64_t w = file->writer->write16(buffer + done * channels, n);
+        if (w < 0)
+            return noteWrite(file, -1);
+        done += w;
+        if (w < n)
+            break;
+    }
+    return noteWrite(file, done);
+}
+
+int32_t AUDIO_Seek(AUDIOFILE* file, int64_t frame)
+{
+    if (!file || !file->reader) {
+        setError(BLERR_INVALID_ARGUMENT, "no audio file open for reading");
+        return 0;
+    }
+    if (frame < 0 || frame > file->windowLimit) {
+        setError(BLERR_INVALID_ARGUMENT, "'%s': cannot seek to frame %lld", file->path.c_str(),
+                 static_cast<long long>(frame));
+        return 0;
+    }
+    if (!file->reader->info().seekable) {
+        setError(BLERR_NOT_SEEKABLE, "'%s': the stream cannot seek", file->path.c_str());
+        return 0;
+    }
+    if (!file->reader->seek(file->windowStart + frame))
+        return 0;
+    file->position = frame;
+    return 1;
+}
+
+int64_t AUDIO_Length(AUDIOFILE* file)
+{
+    if (!file)
+        return -1;
+    if (file->writer)
+        return file->written;
+    return file->windowLength >= 0 ? file->windowLength : -1;
+}
+
+double AUDIO_Duration(AUDIOFILE* file)
+{
+    const int64_t frames = AUDIO_Length(file);
+    if (frames < 0)
+        return -1.0;
+    const int32_t rate = file->writer ? file->writer->format().sampleRate
+                                      : file->reader->info().format.sampleRate;
+    return rate > 0 ? static_cast<double>(frames) / rate : -1.0;
+}
+
+int64_t AUDIO_BitRate(AUDIOFILE* file)
+{
+    if (!file || !file->reader)
+        return 0;
+    const StreamInfo& info = file->reader->info();
+    if (info.bitRate > 0)
+        return info.bitRate;
+    const int64_t size = BLIO_FileSize(file->io);
+    if (info.frames > 0 && size > 0 && info.format.sampleRate > 0)
+        return static_cast<int64_t>(static_cast<double>(size) * 8.0 * info.format.sampleRate
+                                    / static_cast<double>(info.frames));
+    return 0;
+}
+
+int32_t AUDIO_CloseFile(AUDIOFILE* file)
+{
+    if (!file)
+        return 1;
+    if (!file->writer) {
+        destroy(file);
+        return 1;
+    }
+    bool ok = !file->failed;
+    SavedError error = file->failure;
+    if (ok && !file->writer->finish()) {
+        ok = false;
+        error.save();
+    }
+    file->writer.reset();
+    if (!BLIO_CloseFile(file->io) && ok) {
+        ok = false;
+        error.save();
+    }
+    file->io = nullptr;
+    if (!file->tempPath.empty()) {
+        if (ok && !BLIO_RenameFile(file->tempPath.c_str(), file->target.c_str())) {
+            ok = false;
+            error.save();
+        }
+        if (!ok)
+            BLIO_RemoveFile(file->tempPath.c_str());
+    } else if (!ok) {
+        BLIO_RemoveFile(file->target.c_str());
+    }
+    delete file;
+    if (!ok)
+        error.restore();
+    return ok ? 1 : 0;
+}
+
+double AUDIO_GetAudioFileDurationEx(const char* path, const char* format)
+{
+    AUDIOFILE* file = AUDIO_LoadFileEx2(path, format, 0, 0, 0);
+    if (!file)
+        return -1.0;
+    double seconds = AUDIO_Duration(file);
+    if (seconds < 0.0) {
+        const int32_t channels = file->reader->info().format.numChannels;
+        const int64_t block = blockFrames(channels);
+        std::vector<float> buffer(static_cast<size_t>(block * channels));
+        int64_t frames = 0;
+        int64_t n;
+        while ((n = file->reader->read(buffer.data(), block)) > 0)
+            frames += n;
+        seconds = n < 0 ? -1.0
+                        : static_cast<double>(frames) / file->reader->info().format.sampleRate;
+    }
+    AUDIO_CloseFile(file);
+    return seconds;
+}
+
+int32_t AUDIO_ConvertEx(const AUDIO_Progress* progress, const char* source,
+                        const char* sourceFormat, const char* target, const char* targetFormat,
+                        _audio_format* fmt)
+{
+    if (!source || !target || !*source || !*target) {
+        setError(BLERR_INVALID_ARGUMENT, "conversion needs a source and a target path");
+        return 0;
+    }
+    FormatSpec targetSpec;
+    if (!parseFormatString(targetFormat, targetSpec)) {
+        setError(BLERROR_LastCode(), "'%s': %s", target, BLERROR_LastMessage());
+        return 0;
+    }
+    AUDIOFILE* in = AUDIO_LoadFileEx2(source, sourceFormat, 0, 0, 0);
+    if (!in)
+        return 0;
+    const _audio_format sourceFormatRecord = in->reader->info().format;
+    const bool fmtValid = fmt && AUDIO_IsValidFormat(fmt);
+    const int32_t rate = targetSpec.sampleRate ? targetSpec.sampleRate
+        : fmtValid                             ? fmt->sampleRate
+                                               : sourceFormatRecord.sampleRate;
+    const int32_t channels = targetSpec.numChannels ? targetSpec.numChannels
+        : fmtValid                                  ? fmt->numChannels
+                                                    : sourceFormatRecord.numChannels;
+    if (rate != sourceFormatRecord.sampleRate || channels != sourceFormatRecord.numChannels) {
+        in->reader = convertingReader(std::move(in->reader), rate, channels);
+        if (!in->reader) {
+            SavedError error;
+            error.save();
+            AUDIO_CloseFile(in);
+            error.restore();
+            return 0;
+        }
+        in->windowLength = in->reader->info().frames;
+        in->windowLimit = in->windowLength >= 0 ? in->windowLength : INT64_MAX;
+    }
+    // Without a resolution from the caller, a PCM or lossless source keeps its own; companded,
+    // ADPCM and lossy sources decode to 16-bit quality.
+    int32_t bits = 16;
+    const uint32_t sourceCoder = sourceFormatRecord.coder;
+    if (fmtValid) {
+        bits = fmt->bitsPerSample;
+    } else if (isPcmInteger(sourceCoder) || isFloatCoder(sourceCoder)
+               || storesAnyResolution(sourceCoder)) {
+        switch (sourceFormatRecord.bitsPerSample) {
+        case 8: case 16: case 24: case 32: case 64:
+            bits = sourceFormatRecord.bitsPerSample;
+            break;
+        default:
+            break;
+        }
+    }
+    const _audio_format wanted =
+        AUDIO_FormatEx(rate, static_cast<int16_t>(channels), static_cast<int16_t>(bits));
+    AUDIOFILE* out = AUDIO_CreateFileEx2(target, targetFormat, &wanted, -1, -1, 0, nullptr, 0);
+    if (!out) {
+        SavedError error;
+        error.save();
+        AUDIO_CloseFile(in);
+        error.restore();
+        return 0;
+    }
+
+    const int64_t total = AUDIO_Length(in);
+    const int32_t readChannels = in->reader->info().format.numChannels;
+    std::vector<float> buffer(static_cast<size_t>(kConvertFrames * readChannels));
+    bool ok = true;
+    int64_t copied = 0;
+    for (;;) {
+        const int64_t n = AUDIO_ReadIEEEFloat(in, buffer.data(), kConvertFrames);
+        if (n < 0) {
+            ok = false;
+            break;
+        }
+        if (n == 0)
+            break;
+        if (AUDIO_WriteIEEEFloat(out, buffer.data(), n) != n) {
+            if (BLERROR_LastCode() == BLERR_NONE)
+                setError(AUDIOERR_ENCODE, "'%s': short write", target);
+            ok = false;
+            break;
+        }
+        copied += n;
+        if (progress && progress->report) {
+            const double fraction = total > 0 ? std::min(1.0, double(copied) / double(total)) : 0.0;
+            if (progress->report(progress->user, fraction) != 0) {
+                setError(AUDIOERR_CANCELLED, "conversion of '%s' to '%s' cancelled", source,
+                         target);
+                ok = false;
+                break;
+            }
+        }
+    }
+    if (ok && progress && progress->report && progress->report(progress->user, 1.0) != 0) {
+        setError(AUDIOERR_CANCELLED, "conversion of '%s' to '%s' cancelled", source, target);
+        ok = false;
+    }
+    SavedError error;
+    if (!ok) {
+        error.save();
+        out->failed = true;
+        out->failure = error;
+    }
+    const _audio_format written = out->writer->format();
+    AUDIO_CloseFile(in);
+    if (!AUDIO_CloseFile(out))
+        return 0;
+    if (fmt)
+        *fmt = written;
+    return 1;
+}
+
+} // extern "C"

@@ -1,1 +1,182 @@
+// The format-string language of audio.h: "name[key=value,...]".
+//
+//   name     a container ("wav", "flac", "m4a") or a codec ("pcm24", "vorbis", "ulaw"); a codec
+//            alone leaves the container to the file layer, which puts PCM-family codecs in WAV
+//            and the others in their usual container. A name that is both ("flac", "mp2",
+//            "opus") sets both codes. Empty: detect (reading) or use the extension (writing).
+//   options  sr|samplerate|rate          10..500000 Hz
+//            nch|nc|channels             1..8
+//            nbits|resolution            4, 8, 16, 24, 32, 64
+//            codec                       a codec name inside the container
+//            kbps|bitrate                1..3200
+//            quality                     0..10
+//            endian                      little|big
+//            dither                      none|rectangular|triangular
+//            Keys in any case; other keys are left to the backends (spec.options).
 #include "backend.h"
+
+#include <sova/blstring.h>
+
+#include <cctype>
+#include <climits>
+#include <cstring>
+#include <initializer_list>
+
+namespace sova::audio {
+
+namespace {
+
+std::string lowered(std::string text)
+{
+    for (char& c : text)
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return text;
+}
+
+std::string trimmed(const std::string& text)
+{
+    const char* blanks = " \t\r\n";
+    const size_t first = text.find_first_not_of(blanks);
+    if (first == std::string::npos)
+        return std::string();
+    const size_t last = text.find_last_not_of(blanks);
+    return text.substr(first, last - first + 1);
+}
+
+// The first of the alias keys present in options, or null.
+const char* presentKey(const char* options, std::initializer_list<const char*> keys)
+{
+    for (const char* key : keys)
+        if (BLSTRING_KeyExistsInString(options, key))
+            return key;
+    return nullptr;
+}
+
+// Reads an integer option under any of its aliases into *value (left alone when absent).
+// false when present but not a number within [low, high].
+bool readInteger(const char* options, std::initializer_list<const char*> keys, int64_t low,
+                 int64_t high, int32_t* value, const char* text)
+{
+    const char* key = presentKey(options, keys);
+    if (!key)
+        return true;
+    const int64_t sentinel = INT64_MIN;
+    const int64_t v = BLSTRING_GetInteger64ValueFromString(options, key, sentinel);
+    if (v == sentinel || v < low || v > high) {
+        setError(AUDIOERR_INVALID_FORMAT,
+                 "format '%s': %s must be a whole number from %lld to %lld", text, key,
+                 static_cast<long long>(low), static_cast<long long>(high));
+        return false;
+    }
+    *value = static_cast<int32_t>(v);
+    return true;
+}
+
+// Reads a short word option (lower-cased) into word; false when present but empty or too long.
+bool readWord(const char* options, const char* key, std::string& word, const char* text)
+{
+    if (!BLSTRING_KeyExistsInString(options, key))
+        return true;
+    char buffer[64];
+    if (!BLSTRING_GetStringValueFromString(options, key, "", buffer, sizeof buffer - 1)
+        || buffer[0] == '\0') {
+        setError(AUDIOERR_UNKNOWN_FORMAT, "format '%s': %s needs a value", text, key);
+        return false;
+    }
+    word = lowered(trimmed(buffer));
+    return true;
+}
+
+} // namespace
+
+bool parseFormatString(const char* text, FormatSpec& spec)
+{
+    spec = FormatSpec();
+    if (!text)
+        return true;
+    const std::string all = trimmed(text);
+    if (all.empty())
+        return true;
+
+    std::string name = all;
+    const size_t open = all.find('[');
+    if (open != std::string::npos) {
+        if (all.back() != ']') {
+            setError(AUDIOERR_UNKNOWN_FORMAT, "format '%s': the option list is not closed by ']'",
+                     text);
+            return false;
+        }
+        name = trimmed(all.substr(0, open));
+        spec.options = all.substr(open + 1, all.size() - open - 2);
+    } else if (all.find(']') != std::string::npos) {
+        setError(AUDIOERR_UNKNOWN_FORMAT, "format '%s': ']' without '['", text);
+        return false;
+    }
+
+    spec.name = lowered(name);
+    if (!spec.name.empty()) {
+        spec.container = AUDIODEF_ContainerFromName(spec.name.c_str());
+        spec.coder = AUDIODEF_CodecFromName(spec.name.c_str());
+        if (spec.container == 0 && spec.coder == 0) {
+            setError(AUDIOERR_UNKNOWN_FORMAT, "format '%s': unknown format name '%s'", text,
+                     name.c_str());
+            return false;
+        }
+    }
+
+    const char* options = spec.options.c_str();
+    if (!readInteger(options, {"sr", "samplerate", "rate"}, 10, 500000, &spec.sampleRate, text)
+        || !readInteger(options, {"nch", "nc", "channels"}, 1, 8, &spec.numChannels, text)
+        || !readInteger(options, {"nbits", "resolution"}, 4, 64, &spec.bitsPerSample, text)
+        || !readInteger(options, {"kbps", "bitrate"}, 1, 3200, &spec.kbps, text)
+        || !readInteger(options, {"quality"}, 0, 10, &spec.quality, text))
+        return false;
+    switch (spec.bitsPerSample) {
+    case 0: case 4: case 8: case 16: case 24: case 32: case 64:
+        break;
+    default:
+        setError(AUDIOERR_INVALID_FORMAT, "format '%s': nbits must be 4, 8, 16, 24, 32 or 64",
+                 text);
+        return false;
+    }
+
+    std::string word;
+    if (!readWord(options, "codec", word, text))
+        return false;
+    if (!word.empty()) {
+        const uint32_t coder = AUDIODEF_CodecFromName(word.c_str());
+        if (coder == 0) {
+            setError(AUDIOERR_UNKNOWN_FORMAT, "format '%s': unknown codec '%s'", text,
+                     word.c_str());
+            return false;
+        }
+        spec.coder = coder;
+    }
+
+    word.clear();
+    if (!readWord(options, "endian", word, text))
+        return false;
+    if (word == "little") {
+        spec.endian = 1;
+    } else if (word == "big") {
+        spec.endian = 2;
+    } else if (!word.empty()) {
+        setError(AUDIOERR_INVALID_FORMAT, "format '%s': endian must be little or big", text);
+        return false;
+    }
+
+    word.clear();
+    if (!readWord(options, "dither", word, text))
+        return false;
+    if (!word.empty()) {
+        spec.dither = AUDIODITHER_KindFromString(word.c_str());
+        if (spec.dither < 0) {
+            setError(AUDIOERR_INVALID_FORMAT,
+                     "format '%s': dither must be none, rectangular or triangular", text);
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace sova::audio

@@ -16,7 +16,7 @@
  * The name is a container ("wav", "wavex", "rf64", "w64", "aiff", "aifc", "caf", "au", "raw",
  * "flac", "ogg", "opus", "mp3", "mp2", "voc", "m4a", "mka", "wma", "ac3", "amr", "wv", ...,
  * see AUDIO_FormatStringNames) or a codec, which picks its usual container ("vorbis" -> Ogg,
- * "aac" -> M4A, "alac" -> CAF, "pcm16"/"float"/"ulaw"/"ima-adpcm"/... -> WAV). Empty: when
+ * "aac" and "alac" -> M4A, "pcm16"/"float"/"ulaw"/"ima-adpcm"/... -> WAV). Empty: when
  * reading, the container is detected from the content; when writing, from the file extension.
  * Options: sr (sample rate), nch or nc (channels), nbits (resolution: 8, 16, 24, 32; 32 with
  * codec float is IEEE float), codec (a codec name inside the container, "wav[codec=ulaw]"),
