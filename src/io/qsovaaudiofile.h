@@ -1,3 +1,95 @@
-#ifndef QSOVAAUDIOFILE_H
-#define QSOVAAUDIOFILE_H
-#endif
+#pragma once
+
+#include "qtsovacore_export.h"
+
+#include <QIODevice>
+#include <QString>
+#include <QVector>
+
+#include <functional>
+#include <memory>
+
+#include <sova/audio.h>
+
+class QSovaAudioFormat;
+class QSovaFile;
+
+// A sequential QIODevice over one audio file of the engine. Reading yields the decoded
+// samples interleaved by frame; writing encodes samples into a new file. Only whole frames
+// pass: a byte count is cut down to whole frames, and the result counts the bytes of the
+// frames transferred. Failures are results only (false, -1, 0); nothing is thrown or logged.
+class QTSOVACORE_EXPORT QSovaAudioFile : public QIODevice
+{
+public:
+    // How samples look in the byte stream.
+    enum SampleKind {
+        Int16, // signed 16-bit integers, 2 bytes
+        Float, // 32-bit floats in the 16-bit scale (full scale +-32768.0)
+        IEEEFloat // 32-bit floats, full scale +-1.0
+    };
+
+    // fileName: a path or any descriptor of the foundation I/O layer ("qiodevice://%p",
+    // "hfile://..."), with an optional ":fmtconv[...]" suffix when reading. formatString: the
+    // engine's format string, passed as it stands (empty: detect or take from the extension).
+    QSovaAudioFile(const QString& fileName, const QString& formatString, SampleKind kind);
+    // For writing a file in format (its rate, channels and resolution); the samples are
+    // IEEEFloat whatever the format's resolution.
+    QSovaAudioFile(
+        const QString& fileName, const QString& formatString, const QSovaAudioFormat& format);
+    // Reads or writes through an open foundation file device (by its metaFilename()), which
+    // must stay open until this device is closed. A null file gives a device that never opens.
+    QSovaAudioFile(QSovaFile* file, const QString& formatString, SampleKind kind);
+    // Closes the file.
+    ~QSovaAudioFile() override;
+
+    // mode must be exactly ReadOnly or exactly WriteOnly. False when already open, unnamed or
+    // when the engine refuses (its reason is in BLERROR_LastMessage()).
+    bool open(OpenMode mode) override;
+    // Closes the engine file; a written file is finished then. The format stays readable.
+    void close() override;
+    // Always true: the stream cannot be sought.
+    bool isSequential() const override;
+    // Bytes of the whole file in the sample kind (frames times frameSize()); -1 when closed or
+    // when the engine does not know the length.
+    qint64 size() const override;
+
+    // Writes interleaved samples of the device's kind (4 bytes each: Float or IEEEFloat).
+    void writeSamples(const QVector<float>& samples);
+
+    // Frames (samples per channel) of the file, -1 when closed or unknown.
+    qint64 numSamples() const;
+    // Seconds, 0 when closed.
+    double duration() const;
+    // Hz and channels of the open file, 0 when closed.
+    int sampleRate() const;
+    int numChannels() const;
+    // Bytes of one frame: channels times 2 (Int16) or 4; from the last opened format.
+    int frameSize() const;
+    SampleKind sampleKind() const;
+    // The format of the file last opened (or the one given for writing).
+    QSovaAudioFormat format() const;
+
+    // Seconds of a file, -1.0 when it cannot be read.
+    static double duration(const QString& fileName, const QString& formatString);
+    // Converts the file source (format string sourceFormat) into target (targetFormat). A
+    // valid format gives the target's rate, channels and resolution and is filled with the
+    // format written. An empty source is passed as null. True on success.
+    static bool convert(const QString& source, const QString& sourceFormat, const QString& target,
+        const QString& targetFormat, QSovaAudioFormat& format);
+    static bool convert(const QString& source, const QString& sourceFormat, const QString& target,
+        const QString& targetFormat);
+    // The same, reporting progress: progress(fraction in [0, 1]) is called from the converting
+    // thread as blocks are written; returning false cancels, and no target is left behind.
+    static bool convert(const QString& source, const QString& sourceFormat, const QString& target,
+        const QString& targetFormat, QSovaAudioFormat& format,
+        const std::function<bool(double)>& progress);
+
+protected:
+    // 0 for a zero size even when closed; -1 when closed or on an engine error.
+    qint64 readData(char* data, qint64 maxSize) override;
+    qint64 writeData(const char* data, qint64 maxSize) override;
+
+private:
+    struct Private;
+    std::unique_ptr<Private> d;
+};
