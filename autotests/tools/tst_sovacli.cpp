@@ -24,7 +24,147 @@ private:
                 QString::fromUtf8(process.readAllStandardError())};
     }
 
+    // A 16-bit PCM WAV of frames frames; channel c of frame i holds (i * (c + 1)) % 20000.
+    static void writeWav(const QString& path, int rate, int channels, int frames)
+    {
+        QByteArray data;
+        QDataStream s(&data, QIODevice::WriteOnly);
+        s.setByteOrder(QDataStream::LittleEndian);
+        for (int i = 0; i < frames; ++i)
+            for (int c = 0; c < channels; ++c)
+                s << qint16((i * (c + 1)) % 20000);
+        QByteArray header;
+        QDataStream h(&header, QIODevice::WriteOnly);
+        h.setByteOrder(QDataStream::LittleEndian);
+        h.writeRawData("RIFF", 4);
+        h << quint32(36 + data.size());
+        h.writeRawData("WAVEfmt ", 8);
+        h << quint32(16) << quint16(1) << quint16(channels) << quint32(rate)
+          << quint32(rate * channels * 2) << quint16(channels * 2) << quint16(16);
+        h.writeRawData("data", 4);
+        h << quint32(data.size());
+        QFile f(path);
+        QVERIFY(f.open(QIODevice::WriteOnly));
+        f.write(header + data);
+    }
+
+    // The 16-bit samples of a WAV's data chunk.
+    static QVector<qint16> wavSamples(const QString& path)
+    {
+        QFile f(path);
+        if (!f.open(QIODevice::ReadOnly))
+            return {};
+        const QByteArray all = f.readAll();
+        const int at = all.indexOf("data");
+        if (at < 0)
+            return {};
+        QVector<qint16> samples((all.size() - at - 8) / 2);
+        memcpy(samples.data(), all.constData() + at + 8, size_t(samples.size()) * 2);
+        return samples;
+    }
+
+    QTemporaryDir m_dir;
+    QString path(const char* name) const { return m_dir.filePath(QLatin1String(name)); }
+
 private slots:
+    void initTestCase()
+    {
+        QVERIFY(m_dir.isValid());
+        writeWav(path("stereo.wav"), 8000, 2, 8000);
+        QFile text(path("notaudio.txt"));
+        QVERIFY(text.open(QIODevice::WriteOnly));
+        text.write("just some words, no audio at all\n");
+    }
+
+    void audioCommands_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QString>("outPattern");
+        QTest::addColumn<QString>("errPattern");
+        const QString stereo = path("stereo.wav");
+        QTest::newRow("info") << QStringList{"info", stereo} << 0
+                              << "rate        8000 Hz\n  channels    2 (stereo)" << "";
+        QTest::newRow("info frames") << QStringList{"info", stereo} << 0
+                                     << "frames      8000\n  bit rate    256 kbps" << "";
+        QTest::newRow("info missing") << QStringList{"info", path("missing.wav")} << 1 << ""
+                                      << "missing.wav";
+        QTest::newRow("info not audio") << QStringList{"info", path("notaudio.txt")} << 1 << ""
+                                        << "notaudio.txt";
+        QTest::newRow("info good and bad") << QStringList{"info", path("nope.wav"), stereo}
+                                           << 1 << "codec       PCM 16-bit" << "nope.wav";
+        QTest::newRow("info memory scheme") << QStringList{"info", "qiodevice://0x1234"} << 1
+                                            << "" << "names memory";
+        QTest::newRow("convert unknown extension")
+            << QStringList{"convert", "-q", stereo, path("out.xyz")} << 1 << "" << "out.xyz";
+        QTest::newRow("convert missing input")
+            << QStringList{"convert", "-q", path("missing.wav"), path("out.flac")} << 1 << ""
+            << "missing.wav";
+        QTest::newRow("convert bad rate") << QStringList{"convert", "--rate", "x", stereo,
+                                                         path("o.wav")}
+                                          << 2 << "" << "positive number";
+        QTest::newRow("split nine") << QStringList{"split", stereo, "1", "2", "3", "4", "5", "6",
+                                                   "7", "8", "9"}
+                                    << 2 << "" << "at most 8";
+    }
+
+    void audioCommands()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(int, status);
+        QFETCH(QString, outPattern);
+        QFETCH(QString, errPattern);
+        const Result r = run(arguments);
+        QCOMPARE(r.status, status);
+        QVERIFY2(r.out.contains(outPattern), qPrintable(r.out));
+        QVERIFY2(r.err.contains(errPattern), qPrintable(r.err));
+        if (status != 0)
+            QVERIFY(!QFileInfo::exists(path("out.xyz")) && !QFileInfo::exists(path("out.flac")));
+    }
+
+    // convert to FLAC and back, split into mono files and join them again: every step is
+    // lossless, so the samples must come back exactly.
+    void convertSplitJoinRoundTrip()
+    {
+        const QVector<qint16> original = wavSamples(path("stereo.wav"));
+        QCOMPARE(original.size(), 16000);
+        Result r = run({"convert", "-q", path("stereo.wav"), path("c.flac")});
+        QVERIFY2(r.status == 0, qPrintable(r.err));
+        r = run({"convert", "-q", path("c.flac"), path("back.wav")});
+        QVERIFY2(r.status == 0, qPrintable(r.err));
+        QCOMPARE(wavSamples(path("back.wav")), original);
+
+        r = run({"split", path("back.wav"), path("left.wav"), path("right.wav"), path("x.wav")});
+        QCOMPARE(r.status, 0);
+        QVERIFY2(r.err.contains(QStringLiteral("'%1' is not written").arg(path("x.wav"))),
+                 qPrintable(r.err));
+        QVERIFY(!QFileInfo::exists(path("x.wav")));
+        const Result info = run({"info", path("right.wav")});
+        QVERIFY2(info.out.contains(QStringLiteral("channels    1 (mono)")), qPrintable(info.out));
+        QVERIFY2(info.out.contains(QStringLiteral("rate        8000 Hz")), qPrintable(info.out));
+
+        r = run({"join", path("left.wav"), path("right.wav"), path("joined.wav")});
+        QVERIFY2(r.status == 0, qPrintable(r.err));
+        QCOMPARE(wavSamples(path("joined.wav")), original);
+        r = run({"join", path("left.wav"), path("notaudio.txt"), path("j2.wav")});
+        QCOMPARE(r.status, 1);
+        QVERIFY2(r.err.contains(QStringLiteral("notaudio.txt")), qPrintable(r.err));
+        QVERIFY(!QFileInfo::exists(path("j2.wav")));
+    }
+
+    void demo()
+    {
+        QProcess process;
+        process.start(QStringLiteral(SOVA_BINARY), {QStringLiteral("demo"), path("demo")});
+        QVERIFY(process.waitForFinished(120000));
+        const QString out = QString::fromUtf8(process.readAllStandardOutput());
+        QVERIFY2(process.exitCode() == 0, qPrintable(out + process.readAllStandardError()));
+        QVERIFY2(out.contains(QStringLiteral("FLAC 24-bit")) && out.contains(QStringLiteral("exact"))
+                     && out.contains(QStringLiteral("M4A AAC")) && !out.contains(QStringLiteral("NOT")),
+                 qPrintable(out));
+        QVERIFY(QFileInfo::exists(path("demo/demo-01.wav")));
+    }
+
     void exitStatus_data()
     {
         QTest::addColumn<QStringList>("arguments");
@@ -65,7 +205,7 @@ private slots:
     {
         const Result r = run({QStringLiteral("help")});
         for (const char* name : {"help", "version", "options", "settings", "ini", "windows",
-                                 "selftest"})
+                                 "selftest", "info", "convert", "split", "join", "demo"})
             QVERIFY2(r.out.contains(QRegularExpression(QStringLiteral("^  %1 ").arg(
                          QLatin1String(name)), QRegularExpression::MultilineOption)),
                      qPrintable(r.out));

@@ -64,8 +64,9 @@ int parseCommand(const Command& command, QCommandLineParser& parser, const QStri
 
 const QList<const Command*>& commands()
 {
-    static const QList<const Command*> all = {&versionCommand, &optionsCommand,
-                                               &settingsCommand, &iniCommand,
-                                               &windowsCommand, &selftestCommand};
+    static const QList<const Command*> all = {
+        &infoCommand,     &convertCommand, &splitCommand, &joinCommand,
+        &demoCommand,     &versionCommand, &optionsCommand, &settingsCommand,
+        &iniCommand,      &windowsCommand, &selftestCommand};
     return all;
 }

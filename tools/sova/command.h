@@ -48,3 +48,8 @@ extern const Command settingsCommand;
 extern const Command iniCommand;
 extern const Command selftestCommand;
 extern const Command windowsCommand;
+extern const Command infoCommand;
+extern const Command convertCommand;
+extern const Command splitCommand;
+extern const Command joinCommand;
+extern const Command demoCommand;
