@@ -4,6 +4,8 @@
 #include <QSovaFile>
 #include <QtTest>
 
+#include <cmath>
+
 #include <cstdio>
 
 namespace {
@@ -198,6 +200,53 @@ private slots:
         QCOMPARE(reader.format().resolution(), 16);
         const QByteArray bytes = reader.readAll();
         QCOMPARE(bytes, QByteArray::fromHex("0040 00e0 0100 0000"));
+    }
+
+    // Every backend works through the Qt schemes: libsndfile and FFmpeg both read and write
+    // a QBuffer ("qiodevice://") and a QFile ("qfile://").
+    void schemes_data()
+    {
+        QTest::addColumn<bool>("buffer");
+        QTest::addColumn<QString>("format");
+        QTest::addColumn<bool>("lossless");
+        QTest::newRow("buffer flac") << true << "flac" << true;
+        QTest::newRow("buffer alac in m4a") << true << "m4a[codec=alac]" << true;
+        QTest::newRow("buffer aac") << true << "m4a" << false;
+        QTest::newRow("buffer vorbis") << true << "ogg" << false;
+        QTest::newRow("qfile wav") << false << "wav" << true;
+        QTest::newRow("qfile wavpack") << false << "wv" << true;
+    }
+
+    void schemes()
+    {
+        QFETCH(bool, buffer);
+        QFETCH(QString, format);
+        QFETCH(bool, lossless);
+        QVector<float> samples(2 * 4800);
+        for (int i = 0; i < samples.size(); ++i)
+            samples[i] = float(qRound(8000.0 * std::sin(i * 0.01))) / 32768.0f;
+        QBuffer device;
+        QVERIFY(device.open(QIODevice::ReadWrite));
+        const QString path = buffer ? devicePath(&device)
+                                    : QStringLiteral("qfile://")
+                                          + dir.filePath(QStringLiteral("scheme.audio"));
+        {
+            QSovaAudioFile writer(path, format, QSovaAudioFormat(48000, 2, 16));
+            QVERIFY2(writer.open(QIODevice::WriteOnly), BLERROR_LastMessage());
+            writer.writeSamples(samples);
+        }
+        QVERIFY(device.seek(0));
+        QSovaAudioFile reader(path, QString(), QSovaAudioFile::IEEEFloat);
+        QVERIFY2(reader.open(QIODevice::ReadOnly), BLERROR_LastMessage());
+        QCOMPARE(reader.numChannels(), 2);
+        const QByteArray bytes = reader.readAll();
+        QVector<float> back(int(bytes.size() / 4));
+        memcpy(back.data(), bytes.constData(), size_t(bytes.size()));
+        if (lossless)
+            QCOMPARE(back, samples);
+        else // lossy coders may pad to whole codec frames
+            QVERIFY2(qAbs(back.size() - samples.size()) <= 2 * 2048, qPrintable(
+                QString::number(back.size())));
     }
 
     void throughFoundationFile()

@@ -108,9 +108,10 @@ QString withoutDither(const QString& format)
 
 // The lag (in frames) at which `got` best matches `want`, searched in [-maxLag, maxLag] on a
 // window of the left channel: lossy coders add a delay that their decoders may not remove.
+// The window is the first noise burst: a tone would match at every period.
 int bestLag(const QVector<float>& want, const QVector<float>& got, int maxLag)
 {
-    const int window = kRate / 4, start = kRate / 4; // inside the first tone
+    const int window = kRate / 20, start = 2 * kRate;
     const int gotFrames = got.size() / kChannels;
     double best = -1e300;
     int bestLag = 0;

@@ -321,8 +321,11 @@ namespace {
         }
     }
 
+    // Pooled texts are never freed: bit rates are clamped to a plausible range so that
+    // hostile headers cannot grow the pool without bound.
     const char* pooledf(const char* format, long long value)
     {
+        value = std::clamp(value, 0LL, 100000LL);
         char text[64];
         std::snprintf(text, sizeof text, format, value);
         return pooled(text);

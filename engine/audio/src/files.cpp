@@ -317,13 +317,18 @@ std::unique_ptr<Reader> openReader(_HFile* io, const std::string& path, const Fo
         return reader;
     SavedError sndfile;
     sndfile.save();
-    if (!BLIO_Seek(io, 0, BLIO_SEEK_SET)) {
+    // A stream libsndfile opened but found out of the engine's range (16 channels, say) is
+    // no better in FFmpeg: say so rather than report FFmpeg's view of it.
+    if (sndfile.code == AUDIOERR_UNSUPPORTED || !BLIO_Seek(io, 0, BLIO_SEEK_SET)) {
         sndfile.restore();
         return nullptr;
     }
     if (auto reader = openFfmpegReader(io, path, spec))
         return reader;
-    if (BLERROR_LastCode() == AUDIOERR_UNRECOGNISED || BLERROR_LastCode() == BLERR_NONE)
+    // When both fail, the backend that recognised the container has the telling reason.
+    const int32_t ffmpeg = BLERROR_LastCode();
+    if (sndfile.code != AUDIOERR_UNRECOGNISED || ffmpeg == AUDIOERR_UNRECOGNISED
+        || ffmpeg == BLERR_NONE)
         sndfile.restore();
     return nullptr;
 }
@@ -507,7 +512,8 @@ int64_t noteWrite(AUDIOFILE* file, int64_t written)
     return written;
 }
 
-// Writes normalised floats, dithering them when the target stores 16 bits or fewer.
+// Writes normalised floats, dithering them when the target stores 16 bits or fewer (samples
+// that fall on the target's grid exactly are not dithered).
 int64_t writeNormalised(AUDIOFILE* file, const float* src, int64_t frames)
 {
     const int32_t channels = file->writer->format().numChannels;
@@ -522,8 +528,14 @@ int64_t writeNormalised(AUDIOFILE* file, const float* src, int64_t frames)
             const double scale = file->eightBit ? 128.0 : 32768.0;
             const double step = 32768.0 / scale;
             for (int64_t i = 0; i < n * channels; ++i) {
-                double v = std::floor(static_cast<double>(in[i]) * scale
-                                      + file->dither.noise() + 0.5);
+                // A sample already on the target's grid has no quantisation error to
+                // decorrelate: it is written as it is, so 16-bit material passed through
+                // floats (split, join, convert) comes back bit for bit and silence stays
+                // digital silence.
+                const double scaled = static_cast<double>(in[i]) * scale;
+                const double exact = std::floor(scaled);
+                double v = exact == scaled ? exact
+                                           : std::floor(scaled + file->dither.noise() + 0.5);
                 if (!(v == v))
                     v = 0.0;
                 v = std::min(std::max(v, -scale), scale - 1.0);

@@ -416,7 +416,9 @@ bool SndfileReader::open(const FormatSpec& spec)
     }
     if (isLossySubtype(subtype) && info_.bitRate > 0) {
         const int mode = sf_command(sf_, SFC_GET_BITRATE_MODE, nullptr, 0);
-        const double kbps = info_.bitRate / 1000.0;
+        // Pooled texts are never freed: keep the rate in a plausible range so that hostile
+        // headers cannot grow the pool without bound.
+        const double kbps = std::min(info_.bitRate / 1000.0, 100000.0);
         char text[48];
         if (mode == SF_BITRATE_MODE_CONSTANT)
             std::snprintf(text, sizeof text, "bitrate=%d",
@@ -611,6 +613,7 @@ private:
     void applyOptions(const FormatSpec& spec, int subtype);
 
     int64_t writePairs(const float* src, int64_t frames);
+    bool writeEmptyFlac();
 
     Channel ch_;
     std::string path_;
@@ -863,6 +866,32 @@ bool SndfileWriter::finish()
     if (err != 0 || ch_.failed) {
         setError(AUDIOERR_ENCODE, "cannot finish '%s': %s", path_.c_str(),
             ch_.failed ? BLERROR_LastMessage() : sf_error_number(err));
+        return false;
+    }
+    // libsndfile starts a FLAC stream with the first samples, so a file given none would be
+    // left empty and unreadable: write the stream marker and a STREAMINFO of zero samples.
+    if (format_.container == AUDIO_CONTAINER_FLAC && BLIO_FileSize(ch_.io) == 0)
+        return writeEmptyFlac();
+    return true;
+}
+
+bool SndfileWriter::writeEmptyFlac()
+{
+    uint8_t header[42] = {'f', 'L', 'a', 'C', 0x80 /* last block: STREAMINFO */, 0, 0, 34};
+    uint8_t* info = header + 8;
+    info[0] = 0x10; // minimum and maximum block size 4096
+    info[2] = 0x10;
+    const uint32_t rate = uint32_t(format_.sampleRate);
+    const uint32_t channels = uint32_t(format_.numChannels - 1);
+    const uint32_t bits = uint32_t(format_.bitsPerSample - 1);
+    // 20 bits of rate, 3 of channels - 1, 5 of bits - 1, then 36 bits of sample count (0).
+    info[10] = uint8_t(rate >> 12);
+    info[11] = uint8_t(rate >> 4);
+    info[12] = uint8_t(((rate & 0x0f) << 4) | (channels << 1) | (bits >> 4));
+    info[13] = uint8_t((bits & 0x0f) << 4);
+    if (BLIO_Seek(ch_.io, 0, BLIO_SEEK_SET) != 1
+        || BLIO_WriteData(ch_.io, header, sizeof header) != int64_t(sizeof header)) {
+        setError(AUDIOERR_ENCODE, "cannot finish '%s': %s", path_.c_str(), BLERROR_LastMessage());
         return false;
     }
     return true;
