@@ -19,32 +19,27 @@ int positiveOption(const QCommandLineParser& parser, const QCommandLineOption& o
 int runConvert(const QStringList& arguments)
 {
     QCommandLineParser parser;
-    parser.addPositionalArgument(QStringLiteral("in"), QStringLiteral("The audio file to read."),
-                                 QStringLiteral("IN"));
-    parser.addPositionalArgument(QStringLiteral("out"), QStringLiteral("The file to write."),
-                                 QStringLiteral("OUT"));
-    const QCommandLineOption formatOption(
-        {QStringLiteral("f"), QStringLiteral("format")},
+    parser.addPositionalArgument(
+        QStringLiteral("in"), QStringLiteral("The audio file to read."), QStringLiteral("IN"));
+    parser.addPositionalArgument(
+        QStringLiteral("out"), QStringLiteral("The file to write."), QStringLiteral("OUT"));
+    const QCommandLineOption formatOption({QStringLiteral("f"), QStringLiteral("format")},
         QStringLiteral("Format string of OUT (default: from its extension)."),
         QStringLiteral("STRING"));
-    const QCommandLineOption inFormatOption(
-        QStringLiteral("in-format"), QStringLiteral("Format string of IN (default: detect)."),
-        QStringLiteral("STRING"));
+    const QCommandLineOption inFormatOption(QStringLiteral("in-format"),
+        QStringLiteral("Format string of IN (default: detect)."), QStringLiteral("STRING"));
     const QCommandLineOption rateOption({QStringLiteral("r"), QStringLiteral("rate")},
-                                        QStringLiteral("Sample rate of OUT in Hz."),
-                                        QStringLiteral("HZ"));
+        QStringLiteral("Sample rate of OUT in Hz."), QStringLiteral("HZ"));
     const QCommandLineOption channelsOption({QStringLiteral("c"), QStringLiteral("channels")},
-                                            QStringLiteral("Channels of OUT."),
-                                            QStringLiteral("N"));
+        QStringLiteral("Channels of OUT."), QStringLiteral("N"));
     const QCommandLineOption bitsOption({QStringLiteral("b"), QStringLiteral("bits")},
-                                        QStringLiteral("Resolution of OUT in bits."),
-                                        QStringLiteral("N"));
-    const QCommandLineOption quietOption({QStringLiteral("q"), QStringLiteral("quiet")},
-                                         QStringLiteral("No progress bar."));
-    parser.addOptions({formatOption, inFormatOption, rateOption, channelsOption, bitsOption,
-                       quietOption});
+        QStringLiteral("Resolution of OUT in bits."), QStringLiteral("N"));
+    const QCommandLineOption quietOption(
+        {QStringLiteral("q"), QStringLiteral("quiet")}, QStringLiteral("No progress bar."));
+    parser.addOptions(
+        {formatOption, inFormatOption, rateOption, channelsOption, bitsOption, quietOption});
     const int status = parseCommand(convertCommand, parser, arguments, 2,
-                                    QStringLiteral("needs an input and an output file"), 2);
+        QStringLiteral("needs an input and an output file"), 2);
     if (status >= 0)
         return status;
     const QString in = parser.positionalArguments().at(0);
@@ -58,8 +53,9 @@ int runConvert(const QStringList& arguments)
     const int channels = positiveOption(parser, channelsOption);
     const int bits = positiveOption(parser, bitsOption);
     if (rate < 0 || channels < 0 || bits < 0)
-        return usageError("convert", QStringLiteral("--rate, --channels and --bits take a "
-                                                    "positive number"));
+        return usageError("convert",
+            QStringLiteral("--rate, --channels and --bits take a "
+                           "positive number"));
 
     // Without --rate/--channels/--bits the target keeps the source's values; with any of them
     // the others are read from the source first.
@@ -76,18 +72,18 @@ int runConvert(const QStringList& arguments)
         if (bits)
             format.setResolution(bits);
         if (!format.isValid())
-            return fail("convert", QStringLiteral("%1 Hz, %2 channels, %3 bits is not a format "
-                                                  "the engine can write")
-                                       .arg(format.sampleRate())
-                                       .arg(format.numChannels())
-                                       .arg(format.resolution()));
+            return fail("convert",
+                QStringLiteral("%1 Hz, %2 channels, %3 bits is not a format "
+                               "the engine can write")
+                    .arg(format.sampleRate())
+                    .arg(format.numChannels())
+                    .arg(format.resolution()));
     }
 
     const bool quiet = parser.isSet(quietOption);
     const QString label = QStringLiteral("converting");
-    const bool ok = QSovaAudioFile::convert(
-        in, parser.value(inFormatOption), target, parser.value(formatOption), format,
-        [&](double fraction) {
+    const bool ok = QSovaAudioFile::convert(in, parser.value(inFormatOption), target,
+        parser.value(formatOption), format, [&](double fraction) {
             if (!quiet)
                 showProgress(label, fraction);
             return true;
@@ -101,8 +97,7 @@ int runConvert(const QStringList& arguments)
 
 } // namespace
 
-const Command convertCommand = {
-    "convert", "Convert an audio file into another format.",
+const Command convertCommand = {"convert", "Convert an audio file into another format.",
     "[--format STRING] [--rate HZ] [--channels N] [--bits N] IN OUT",
     "OUT's format comes from --format (e.g. flac[nbits=24], mp3[kbps=192], m4a) or else from\n"
     "its extension. Rate and channels are converted when asked for (high-quality resampling;\n"

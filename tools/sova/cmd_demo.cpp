@@ -21,7 +21,8 @@ constexpr int kRate = 48000; // Opus takes 48 kHz only; every other format takes
 constexpr int kChannels = 2;
 constexpr int kSeconds = 3;
 
-struct DemoFormat {
+struct DemoFormat
+{
     const char* label;
     const char* format; // format string for writing
     const char* extension;
@@ -130,7 +131,8 @@ int bestLag(const QVector<float>& want, const QVector<float>& got, int maxLag)
     return bestLag;
 }
 
-struct Comparison {
+struct Comparison
+{
     qint64 maxErrorLsb = 0;
     double snrDb = 0.0;
     bool sameLength = false;
@@ -150,7 +152,8 @@ Comparison compare(const QVector<float>& want, const QVector<float>& got, bool l
             const double g = j >= 0 && j < gotFrames ? got[j * kChannels + ch] : 0.0;
             signal += w * w;
             noise += (w - g) * (w - g);
-            c.maxErrorLsb = std::max(c.maxErrorLsb, qint64(std::llround(std::fabs(w - g) * 32768.0)));
+            c.maxErrorLsb
+                = std::max(c.maxErrorLsb, qint64(std::llround(std::fabs(w - g) * 32768.0)));
         }
     }
     c.snrDb = noise > 0.0 ? 10.0 * std::log10(signal / noise) : 999.0;
@@ -160,7 +163,7 @@ Comparison compare(const QVector<float>& want, const QVector<float>& got, bool l
 bool writeFile(const QString& path, const DemoFormat& f, const QVector<float>& samples)
 {
     QSovaAudioFile file(path, withoutDither(QString::fromLatin1(f.format)),
-                        QSovaAudioFormat(kRate, kChannels, 16, QString(), QString()));
+        QSovaAudioFormat(kRate, kChannels, 16, QString(), QString()));
     if (!file.open(QIODevice::WriteOnly))
         return false;
     const qint64 bytes = qint64(samples.size()) * qint64(sizeof(float));
@@ -180,8 +183,8 @@ bool readFile(const QString& path, const DemoFormat& f, QVector<float>& samples,
     QVector<float> block(8192 * kChannels);
     samples.clear();
     for (;;) {
-        const qint64 got = file.read(reinterpret_cast<char*>(block.data()),
-                                     qint64(block.size()) * qint64(sizeof(float)));
+        const qint64 got = file.read(
+            reinterpret_cast<char*>(block.data()), qint64(block.size()) * qint64(sizeof(float)));
         if (got < 0)
             return false;
         if (got == 0)
@@ -195,9 +198,9 @@ int runDemo(const QStringList& arguments)
 {
     QCommandLineParser parser;
     parser.addPositionalArgument(QStringLiteral("dir"),
-                                 QStringLiteral("Folder to keep the files in (default: a "
-                                                "temporary folder, removed afterwards)."),
-                                 QStringLiteral("[DIR]"));
+        QStringLiteral("Folder to keep the files in (default: a "
+                       "temporary folder, removed afterwards)."),
+        QStringLiteral("[DIR]"));
     const int status = parseCommand(demoCommand, parser, arguments, 0, QString(), 1);
     if (status >= 0)
         return status;
@@ -226,9 +229,9 @@ int runDemo(const QStringList& arguments)
     int written = 0, failures = 0;
     int index = 0;
     for (const DemoFormat& f : kFormats) {
-        const QString path = QDir(dir).filePath(
-            QStringLiteral("demo-%1.%2").arg(++index, 2, 10, QLatin1Char('0')).arg(
-                QString::fromLatin1(f.extension)));
+        const QString path = QDir(dir).filePath(QStringLiteral("demo-%1.%2")
+                                                    .arg(++index, 2, 10, QLatin1Char('0'))
+                                                    .arg(QString::fromLatin1(f.extension)));
         QString verdict, codec;
         QVector<float> back;
         if (!writeFile(path, f, signal)) {
@@ -256,9 +259,9 @@ int runDemo(const QStringList& arguments)
                      .arg(QString::fromLatin1(f.label), -16)
                      .arg(codec.left(24), -24)
                      .arg(QFileInfo::exists(path)
-                              ? QSova::formattedDataSize(QFileInfo(path).size(), 1)
-                              : QStringLiteral("-"),
-                          10)
+                             ? QSova::formattedDataSize(QFileInfo(path).size(), 1)
+                             : QStringLiteral("-"),
+                         10)
                      .arg(verdict)
               << Qt::endl;
     }
@@ -271,8 +274,8 @@ int runDemo(const QStringList& arguments)
 
 } // namespace
 
-const Command demoCommand = {
-    "demo", "Write a test signal in every format and check what comes back.", "[DIR]",
+const Command demoCommand = {"demo",
+    "Write a test signal in every format and check what comes back.", "[DIR]",
     "Generates 3 s of stereo (tones, a sweep, noise bursts), writes it in each format the engine\n"
     "writes, reads each file back and prints the format, codec, file size and round trip:\n"
     "'exact' for lossless formats, the signal-to-noise ratio for lossy ones. The exit status is\n"

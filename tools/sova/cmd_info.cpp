@@ -44,9 +44,8 @@ void printBlock(const QString& path, QSovaAudioFile& file)
 {
     const QSovaAudioFormat format = file.format();
     const qint64 frames = file.numSamples();
-    const double seconds = frames >= 0 && file.sampleRate() > 0
-                               ? double(frames) / file.sampleRate()
-                               : -1.0;
+    const double seconds
+        = frames >= 0 && file.sampleRate() > 0 ? double(frames) / file.sampleRate() : -1.0;
     const auto container = format.container();
     QTextStream& o = out();
     o << path << Qt::endl;
@@ -61,28 +60,26 @@ void printBlock(const QString& path, QSovaAudioFile& file)
         o << " (" << QSovaAudioFormat::numChannelsToString(file.numChannels(), false) << ")";
     o << Qt::endl;
     o << "  resolution  " << format.resolution() << " bits" << Qt::endl;
-    o << "  duration    "
-      << (seconds >= 0.0 ? durationText(seconds) : QStringLiteral("unknown")) << Qt::endl;
-    o << "  frames      "
-      << (frames >= 0 ? QString::number(frames) : QStringLiteral("unknown")) << Qt::endl;
-    const qint64 kbps = bitRateKbps(format, path, seconds);
-    o << "  bit rate    " << (kbps > 0 ? QStringLiteral("%1 kbps").arg(kbps)
-                                      : QStringLiteral("unknown"))
+    o << "  duration    " << (seconds >= 0.0 ? durationText(seconds) : QStringLiteral("unknown"))
       << Qt::endl;
+    o << "  frames      " << (frames >= 0 ? QString::number(frames) : QStringLiteral("unknown"))
+      << Qt::endl;
+    const qint64 kbps = bitRateKbps(format, path, seconds);
+    o << "  bit rate    "
+      << (kbps > 0 ? QStringLiteral("%1 kbps").arg(kbps) : QStringLiteral("unknown")) << Qt::endl;
 }
 
 int runInfo(const QStringList& arguments)
 {
     QCommandLineParser parser;
-    parser.addPositionalArgument(QStringLiteral("files"), QStringLiteral("Audio files."),
-                                 QStringLiteral("FILE..."));
-    const QCommandLineOption formatOption(
-        {QStringLiteral("f"), QStringLiteral("format")},
+    parser.addPositionalArgument(
+        QStringLiteral("files"), QStringLiteral("Audio files."), QStringLiteral("FILE..."));
+    const QCommandLineOption formatOption({QStringLiteral("f"), QStringLiteral("format")},
         QStringLiteral("Format string for headerless files, e.g. raw[sr=8000,nch=1]."),
         QStringLiteral("STRING"));
     parser.addOption(formatOption);
-    const int status =
-        parseCommand(infoCommand, parser, arguments, 1, QStringLiteral("needs a file"));
+    const int status
+        = parseCommand(infoCommand, parser, arguments, 1, QStringLiteral("needs a file"));
     if (status >= 0)
         return status;
 
@@ -110,9 +107,9 @@ int runInfo(const QStringList& arguments)
 
 } // namespace
 
-const Command infoCommand = {
-    "info", "Show the format, length and bit rate of audio files.", "[--format STRING] FILE...",
-    "One block per file: container, mime type, codec, rate, channels, resolution, duration,\n"
-    "frames and bit rate. A file that cannot be read gets an error line on standard error and\n"
-    "makes the exit status 1; the other files are still shown.",
-    runInfo};
+const Command infoCommand
+    = {"info", "Show the format, length and bit rate of audio files.", "[--format STRING] FILE...",
+        "One block per file: container, mime type, codec, rate, channels, resolution, duration,\n"
+        "frames and bit rate. A file that cannot be read gets an error line on standard error and\n"
+        "makes the exit status 1; the other files are still shown.",
+        runInfo};

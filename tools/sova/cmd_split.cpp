@@ -11,8 +11,7 @@ namespace {
 
 const QCommandLineOption& formatOption()
 {
-    static const QCommandLineOption option(
-        {QStringLiteral("f"), QStringLiteral("format")},
+    static const QCommandLineOption option({QStringLiteral("f"), QStringLiteral("format")},
         QStringLiteral("Format name of the written files, e.g. wav or flac (default: from the "
                        "extension)."),
         QStringLiteral("NAME"));
@@ -21,14 +20,15 @@ const QCommandLineOption& formatOption()
 
 // The library reports per-file problems of (de)multiplexing on the debug output; the tool
 // reports them itself, with the reason, so those lines are kept off the terminal.
-struct QuietDebug {
+struct QuietDebug
+{
     QtMessageHandler previous;
     QuietDebug()
-        : previous(qInstallMessageHandler([](QtMsgType type, const QMessageLogContext&,
-                                             const QString& message) {
-              if (type != QtDebugMsg)
-                  err() << message << Qt::endl;
-          }))
+        : previous(qInstallMessageHandler(
+            [](QtMsgType type, const QMessageLogContext&, const QString& message) {
+                if (type != QtDebugMsg)
+                    err() << message << Qt::endl;
+            }))
     {
     }
     ~QuietDebug() { qInstallMessageHandler(previous); }
@@ -47,14 +47,13 @@ int checkPaths(const char* command, const QStringList& paths)
 int runSplit(const QStringList& arguments)
 {
     QCommandLineParser parser;
-    parser.addPositionalArgument(QStringLiteral("in"), QStringLiteral("A multichannel file."),
-                                 QStringLiteral("IN"));
+    parser.addPositionalArgument(
+        QStringLiteral("in"), QStringLiteral("A multichannel file."), QStringLiteral("IN"));
     parser.addPositionalArgument(QStringLiteral("out"),
-                                 QStringLiteral("One file per channel, at most 8."),
-                                 QStringLiteral("OUT..."));
+        QStringLiteral("One file per channel, at most 8."), QStringLiteral("OUT..."));
     parser.addOption(formatOption());
     int status = parseCommand(splitCommand, parser, arguments, 2,
-                              QStringLiteral("needs an input file and at least one output"));
+        QStringLiteral("needs an input file and at least one output"));
     if (status >= 0)
         return status;
     QStringList outputs = parser.positionalArguments();
@@ -102,13 +101,12 @@ int runJoin(const QStringList& arguments)
 {
     QCommandLineParser parser;
     parser.addPositionalArgument(QStringLiteral("in"),
-                                 QStringLiteral("Files to join, one channel each, at most 8."),
-                                 QStringLiteral("IN..."));
-    parser.addPositionalArgument(QStringLiteral("out"), QStringLiteral("The file to write."),
-                                 QStringLiteral("OUT"));
+        QStringLiteral("Files to join, one channel each, at most 8."), QStringLiteral("IN..."));
+    parser.addPositionalArgument(
+        QStringLiteral("out"), QStringLiteral("The file to write."), QStringLiteral("OUT"));
     parser.addOption(formatOption());
     int status = parseCommand(joinCommand, parser, arguments, 2,
-                              QStringLiteral("needs at least one input file and an output"));
+        QStringLiteral("needs at least one input file and an output"));
     if (status >= 0)
         return status;
     QStringList inputs = parser.positionalArguments();
@@ -135,16 +133,15 @@ int runJoin(const QStringList& arguments)
 
 } // namespace
 
-const Command splitCommand = {
-    "split", "Write each channel of an audio file into a mono file of its own.",
-    "[--format NAME] IN OUT...",
+const Command splitCommand = {"split",
+    "Write each channel of an audio file into a mono file of its own.", "[--format NAME] IN OUT...",
     "The first OUT gets channel 1, the next channel 2, and so on; the files keep IN's sample\n"
     "rate. Names beyond IN's channel count are not written; channels beyond the names are\n"
     "dropped.",
     runSplit};
 
-const Command joinCommand = {
-    "join", "Join audio files into one file with a channel for each.", "[--format NAME] IN... OUT",
+const Command joinCommand = {"join", "Join audio files into one file with a channel for each.",
+    "[--format NAME] IN... OUT",
     "Each IN becomes one channel of OUT, in order, at the rate of the first IN: inputs at other\n"
     "rates are resampled and multichannel inputs mixed down to mono. Shorter inputs are padded\n"
     "with silence to the length of the longest.",

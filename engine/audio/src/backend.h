@@ -13,18 +13,19 @@
 namespace sova::audio {
 
 // A parsed format string. Numbers left at 0 (or -1 for kbps/quality/dither) were not given.
-struct FormatSpec {
-    std::string name;       // lower-cased name as written, "" when none
+struct FormatSpec
+{
+    std::string name; // lower-cased name as written, "" when none
     uint32_t container = 0; // AUDIO_CONTAINER_*, 0 = not given (detect / from extension)
-    uint32_t coder = 0;     // AUDIO_CODEC_* with flag bit, 0 = the container's default
+    uint32_t coder = 0; // AUDIO_CODEC_* with flag bit, 0 = the container's default
     int32_t sampleRate = 0;
     int32_t numChannels = 0;
     int32_t bitsPerSample = 0;
     int32_t kbps = -1;
     int32_t quality = -1;
-    int32_t dither = -1;    // AUDIODITHER_*, -1 = the default kind
-    int32_t endian = 0;     // 0 = container default, 1 = little, 2 = big
-    std::string options;    // the bracketed option string as written
+    int32_t dither = -1; // AUDIODITHER_*, -1 = the default kind
+    int32_t endian = 0; // 0 = container default, 1 = little, 2 = big
+    std::string options; // the bracketed option string as written
 };
 
 // Parses a format string; false (error recorded) when the name is unknown or an option value
@@ -32,15 +33,17 @@ struct FormatSpec {
 bool parseFormatString(const char* text, FormatSpec& spec);
 
 // What a reader knows of its stream.
-struct StreamInfo {
-    _audio_format format{};  // rate, channels, resolution, container, coder, pooled texts
-    int64_t frames = -1;     // total frames, -1 unknown
-    int64_t bitRate = 0;     // bit/s of the stored stream, 0 unknown
+struct StreamInfo
+{
+    _audio_format format {}; // rate, channels, resolution, container, coder, pooled texts
+    int64_t frames = -1; // total frames, -1 unknown
+    int64_t bitRate = 0; // bit/s of the stored stream, 0 unknown
     bool seekable = false;
 };
 
 // Decodes one stream. Samples are interleaved floats normalised to +-1.0.
-class Reader {
+class Reader
+{
 public:
     virtual ~Reader() = default;
     virtual const StreamInfo& info() const = 0;
@@ -54,7 +57,8 @@ public:
 };
 
 // Encodes one stream. The file layer has already clipped nothing: encoders clip as they must.
-class Writer {
+class Writer
+{
 public:
     virtual ~Writer() = default;
     // Frames written from src (interleaved, +-1.0), -1 on error (recorded).
@@ -71,22 +75,21 @@ public:
 // Backends. `io` is an open foundation handle the reader or writer borrows; the caller closes
 // it after destroying the reader or writer. `path` is used in messages only. Each returns null
 // with an error recorded. For reading, spec.container == 0 asks the backend to detect.
-std::unique_ptr<Reader> openSndfileReader(_HFile* io, const std::string& path,
-                                          const FormatSpec& spec);
-std::unique_ptr<Writer> openSndfileWriter(_HFile* io, const std::string& path,
-                                          const FormatSpec& spec, const _audio_format& fmt);
-std::unique_ptr<Reader> openFfmpegReader(_HFile* io, const std::string& path,
-                                         const FormatSpec& spec);
+std::unique_ptr<Reader> openSndfileReader(
+    _HFile* io, const std::string& path, const FormatSpec& spec);
+std::unique_ptr<Writer> openSndfileWriter(
+    _HFile* io, const std::string& path, const FormatSpec& spec, const _audio_format& fmt);
+std::unique_ptr<Reader> openFfmpegReader(
+    _HFile* io, const std::string& path, const FormatSpec& spec);
 std::unique_ptr<Writer> openFfmpegWriter(_HFile* io, const std::string& path,
-                                         const FormatSpec& spec, const _audio_format& fmt,
-                                         const char* metadata);
+    const FormatSpec& spec, const _audio_format& fmt, const char* metadata);
 // True when the backend writes this container/codec pair (coder 0 = container default).
 bool sndfileWrites(uint32_t container, uint32_t coder);
 bool ffmpegWrites(uint32_t container, uint32_t coder);
 
 // Wraps a reader so that it delivers rate `sampleRate` and `numChannels` channels (0 = keep).
-std::unique_ptr<Reader> convertingReader(std::unique_ptr<Reader> source, int32_t sampleRate,
-                                         int32_t numChannels);
+std::unique_ptr<Reader> convertingReader(
+    std::unique_ptr<Reader> source, int32_t sampleRate, int32_t numChannels);
 
 // Tables of formats.cpp. Container of a file extension without the dot ("wav", "M4A"), 0 when
 // unknown; the codec a container gets when the format string names none; whether a codec is

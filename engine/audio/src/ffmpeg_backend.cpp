@@ -793,6 +793,7 @@ namespace {
             {AUDIO_CONTAINER_AMR, AUDIO_CODEC_AMR_WB, {"amr", {"libvo_amrwbenc", nullptr}}},
             {AUDIO_CONTAINER_WAVPACK, AUDIO_CODEC_WAVPACK, {"wv", {"wavpack", nullptr}}},
             {AUDIO_CONTAINER_TTA, AUDIO_CODEC_TTA, {"tta", {"tta", nullptr}}},
+            {AUDIO_CONTAINER_FLAC, AUDIO_CODEC_FLAC, {"flac", {"flac", nullptr}}},
             {AUDIO_CONTAINER_MPEG, AUDIO_CODEC_MPEG_L2, {"mp2", {"mp2", "libtwolame", nullptr}}},
             {AUDIO_CONTAINER_MPEG, AUDIO_CODEC_MPEG_L3, {"mp3", {"libmp3lame", nullptr}}},
         };

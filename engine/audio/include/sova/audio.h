@@ -55,13 +55,14 @@ extern "C" {
 
 /* A format: rate, channels, resolution, the container and codec codes, and two texts from the
  * foundation's persistent string pool (never freed). 32 bytes on x86-64. */
-typedef struct _audio_format {
-    int32_t sampleRate;  /* Hz */
+typedef struct _audio_format
+{
+    int32_t sampleRate; /* Hz */
     int16_t numChannels;
     int16_t bitsPerSample; /* resolution of the stored samples; 0 unknown */
-    uint32_t container;    /* AUDIO_CONTAINER_* code, 0 unknown */
-    uint32_t coder;        /* AUDIO_CODEC_* code, possibly with AUDIO_CODEC_FLAG_BIGENDIAN */
-    const char* mimeType;  /* pooled text or null */
+    uint32_t container; /* AUDIO_CONTAINER_* code, 0 unknown */
+    uint32_t coder; /* AUDIO_CODEC_* code, possibly with AUDIO_CODEC_FLAG_BIGENDIAN */
+    const char* mimeType; /* pooled text or null */
     const char* codecInfo; /* pooled option string (bitrate=, avg_bitrate=, ...) or null */
 } _audio_format;
 
@@ -83,9 +84,9 @@ enum {
     AUDIO_CONTAINER_WAV = 3, /* RIFF WAVE, WAVE_FORMAT_EXTENSIBLE included */
     AUDIO_CONTAINER_AVI = 4,
     AUDIO_CONTAINER_NIST = 5, /* NIST SPHERE */
-    AUDIO_CONTAINER_MP4 = 6,  /* MPEG-4 / M4A */
-    AUDIO_CONTAINER_AU = 7,   /* Sun/NeXT .au .snd */
-    AUDIO_CONTAINER_TXT = 8,  /* samples as text, one frame per line */
+    AUDIO_CONTAINER_MP4 = 6, /* MPEG-4 / M4A */
+    AUDIO_CONTAINER_AU = 7, /* Sun/NeXT .au .snd */
+    AUDIO_CONTAINER_TXT = 8, /* samples as text, one frame per line */
     AUDIO_CONTAINER_AIFF = 9, /* AIFF and AIFF-C */
     AUDIO_CONTAINER_IRCAM = 10,
     AUDIO_CONTAINER_PAF = 11,
@@ -94,7 +95,7 @@ enum {
     AUDIO_CONTAINER_OGG_VORBIS = 14,
     AUDIO_CONTAINER_OGG_OPUS = 15,
     AUDIO_CONTAINER_OGG_OTHER = 16, /* Ogg FLAC, Ogg Speex */
-    AUDIO_CONTAINER_ASF = 17,       /* ASF / WMA */
+    AUDIO_CONTAINER_ASF = 17, /* ASF / WMA */
     AUDIO_CONTAINER_AVR = 18,
     AUDIO_CONTAINER_FLAC = 19,
     AUDIO_CONTAINER_WAVPACK = 20,
@@ -132,7 +133,7 @@ enum {
     AUDIO_CODEC_IMA_ADPCM = 17,
     AUDIO_CODEC_MS_ADPCM = 18,
     AUDIO_CODEC_GSM610 = 19,
-    AUDIO_CODEC_G721 = 20,    /* G.721 ADPCM, 32 kbit/s */
+    AUDIO_CODEC_G721 = 20, /* G.721 ADPCM, 32 kbit/s */
     AUDIO_CODEC_G723_24 = 21, /* G.723 ADPCM, 24 kbit/s */
     AUDIO_CODEC_G723_40 = 22, /* G.723 ADPCM, 40 kbit/s */
     AUDIO_CODEC_VOX_ADPCM = 23,
@@ -185,11 +186,11 @@ enum {
 /* Error codes of the engine, in the foundation's error slot. */
 enum {
     AUDIOERR_FIRST = 100,
-    AUDIOERR_UNKNOWN_FORMAT = 100,   /* the format string names nothing the engine knows */
-    AUDIOERR_UNRECOGNISED = 101,     /* the content is no audio the engine can read */
-    AUDIOERR_CORRUPT = 102,          /* malformed or truncated data */
-    AUDIOERR_UNSUPPORTED = 103,      /* known, but not in this direction or with these values */
-    AUDIOERR_INVALID_FORMAT = 104,   /* rate, channels or resolution out of range */
+    AUDIOERR_UNKNOWN_FORMAT = 100, /* the format string names nothing the engine knows */
+    AUDIOERR_UNRECOGNISED = 101, /* the content is no audio the engine can read */
+    AUDIOERR_CORRUPT = 102, /* malformed or truncated data */
+    AUDIOERR_UNSUPPORTED = 103, /* known, but not in this direction or with these values */
+    AUDIOERR_INVALID_FORMAT = 104, /* rate, channels or resolution out of range */
     AUDIOERR_ENCODE = 105,
     AUDIOERR_DECODE = 106,
     AUDIOERR_CANCELLED = 107,
@@ -200,8 +201,8 @@ enum {
 SOVAAUDIO_EXPORT void AUDIO_NullFormat(_audio_format* format);
 
 /* A PCM format (codec from the resolution, container none) by value. */
-SOVAAUDIO_EXPORT _audio_format AUDIO_FormatEx(int32_t sampleRate, int16_t numChannels,
-                                              int16_t bitsPerSample);
+SOVAAUDIO_EXPORT _audio_format AUDIO_FormatEx(
+    int32_t sampleRate, int16_t numChannels, int16_t bitsPerSample);
 
 /* Non-zero when the format is usable: rate 10..500000, 1..8 channels, resolution
  * 3, 4 or 5 (ADPCMs), 8, 12, 16, 20, 24, 32 or 64. Null gives 0. */
@@ -236,7 +237,7 @@ SOVAAUDIO_EXPORT const char* AUDIO_FormatStringNames(void);
 enum {
     AUDIODITHER_NONE = 0,
     AUDIODITHER_RECTANGULAR = 1, /* uniform noise of one step */
-    AUDIODITHER_TRIANGULAR = 2,  /* triangular (TPDF) noise of two steps: the default */
+    AUDIODITHER_TRIANGULAR = 2, /* triangular (TPDF) noise of two steps: the default */
     AUDIODITHER_COUNT = 3
 };
 
@@ -256,13 +257,12 @@ SOVAAUDIO_EXPORT int32_t AUDIODITHER_KindFromString(const char* name);
  * of the format-string language; options in brackets are ignored) into buffer. When the name
  * is empty or null, the container of *format decides. Non-zero on success; 0 when the name is
  * unknown or the buffer is too small (then it holds ""). */
-SOVAAUDIO_EXPORT int32_t AUDIO_ConvertAudioFormatToMimeTypeEx(const char* formatName,
-                                                              char* buffer, int32_t size,
-                                                              const _audio_format* format);
+SOVAAUDIO_EXPORT int32_t AUDIO_ConvertAudioFormatToMimeTypeEx(
+    const char* formatName, char* buffer, int32_t size, const _audio_format* format);
 /* Writes the format name of a mime type ("audio/flac" -> "flac"; parameters after ";" and
  * letter case are ignored) into buffer. Non-zero on success, 0 when unknown. */
-SOVAAUDIO_EXPORT int32_t AUDIO_ConvertMimeTypeToAudioFormat(const char* mimeType, char* buffer,
-                                                            int32_t size);
+SOVAAUDIO_EXPORT int32_t AUDIO_ConvertMimeTypeToAudioFormat(
+    const char* mimeType, char* buffer, int32_t size);
 
 /* ---- Audio files ----------------------------------------------------------------------- */
 
@@ -270,7 +270,8 @@ SOVAAUDIO_EXPORT int32_t AUDIO_ConvertMimeTypeToAudioFormat(const char* mimeType
 typedef struct _AUDIOFILE AUDIOFILE;
 
 /* Progress of long work: fraction in [0, 1]; a non-zero return cancels the work. */
-typedef struct _audio_progress {
+typedef struct _audio_progress
+{
     int32_t (*report)(void* user, double fraction);
     void* user;
 } AUDIO_Progress;
@@ -278,9 +279,8 @@ typedef struct _audio_progress {
 /* Opens path for reading. format: format string (null or "" to detect). flags: 0. startFrame,
  * numFrames: a window of the file (0, 0 = all of it). Null on failure. Memory stays bounded
  * whatever the file's length; header fields never size an allocation unchecked. */
-SOVAAUDIO_EXPORT AUDIOFILE* AUDIO_LoadFileEx2(const char* path, const char* format,
-                                              uint32_t flags, int64_t startFrame,
-                                              int64_t numFrames);
+SOVAAUDIO_EXPORT AUDIOFILE* AUDIO_LoadFileEx2(
+    const char* path, const char* format, uint32_t flags, int64_t startFrame, int64_t numFrames);
 
 /* Creates path for writing. The format string names the container and codec (empty: from the
  * extension); fmt, when not null, gives rate, channels and resolution, and a resolution or
@@ -291,9 +291,8 @@ SOVAAUDIO_EXPORT AUDIOFILE* AUDIO_LoadFileEx2(const char* path, const char* form
  * failed or abandoned write leaves no file that looks complete (for plain paths; other schemes
  * are written in place). Null on failure. */
 SOVAAUDIO_EXPORT AUDIOFILE* AUDIO_CreateFileEx2(const char* path, const char* format,
-                                                const _audio_format* fmt, int32_t kbps,
-                                                int32_t quality, uint32_t flags,
-                                                const char* metadata, int64_t expectedFrames);
+    const _audio_format* fmt, int32_t kbps, int32_t quality, uint32_t flags, const char* metadata,
+    int64_t expectedFrames);
 
 /* Fills *format with the file's format (read: as stored; write: as written). Non-zero on
  * success. */
@@ -308,8 +307,7 @@ SOVAAUDIO_EXPORT int64_t AUDIO_ReadIEEEFloat(AUDIOFILE* file, float* buffer, int
 /* Writes frames interleaved frames; returns frames written, -1 on error. */
 SOVAAUDIO_EXPORT int64_t AUDIO_Write16(AUDIOFILE* file, const int16_t* buffer, int64_t frames);
 SOVAAUDIO_EXPORT int64_t AUDIO_WriteFloat(AUDIOFILE* file, const float* buffer, int64_t frames);
-SOVAAUDIO_EXPORT int64_t AUDIO_WriteIEEEFloat(AUDIOFILE* file, const float* buffer,
-                                              int64_t frames);
+SOVAAUDIO_EXPORT int64_t AUDIO_WriteIEEEFloat(AUDIOFILE* file, const float* buffer, int64_t frames);
 
 /* Moves the read position to a frame; non-zero on success (files opened for reading whose
  * source is seekable). */
@@ -335,8 +333,7 @@ SOVAAUDIO_EXPORT double AUDIO_GetAudioFileDurationEx(const char* path, const cha
  * and channels are converted); it is then filled with the format written. progress may be
  * null. 1 on success; on failure or cancel no target is left behind. */
 SOVAAUDIO_EXPORT int32_t AUDIO_ConvertEx(const AUDIO_Progress* progress, const char* source,
-                                         const char* sourceFormat, const char* target,
-                                         const char* targetFormat, _audio_format* fmt);
+    const char* sourceFormat, const char* target, const char* targetFormat, _audio_format* fmt);
 
 #ifdef __cplusplus
 }
