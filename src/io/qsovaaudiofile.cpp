@@ -11,6 +11,16 @@ struct QSovaAudioFile::Private
     AUDIOFILE* handle = nullptr;
     _audio_format format;
     bool isOpen = false;
+
+    // Whole frames in size bytes (a partial frame is never transferred); -1 when nothing can
+    // be transferred: closed, or a kind without a frame size.
+    qint64 framesIn(qint64 size, qint64 frameSize) const
+    {
+        if (!isOpen || frameSize <= 0)
+            return -1;
+        const qint64 frames = size / frameSize;
+        return frames < 0 ? -1 : frames;
+    }
 };
 
 QSovaAudioFile::QSovaAudioFile(
@@ -97,12 +107,8 @@ qint64 QSovaAudioFile::readData(char* data, qint64 maxSize)
 {
     if (maxSize == 0)
         return 0;
-    if (!d->isOpen)
-        return -1;
     const qint64 bytesPerFrame = frameSize();
-    if (bytesPerFrame <= 0)
-        return -1;
-    const qint64 frames = maxSize / bytesPerFrame;
+    const qint64 frames = d->framesIn(maxSize, bytesPerFrame);
     if (frames < 0)
         return -1;
     qint64 done;
@@ -126,12 +132,8 @@ qint64 QSovaAudioFile::writeData(const char* data, qint64 maxSize)
 {
     if (maxSize == 0)
         return 0;
-    if (!d->isOpen)
-        return -1;
     const qint64 bytesPerFrame = frameSize();
-    if (bytesPerFrame <= 0)
-        return -1;
-    const qint64 frames = maxSize / bytesPerFrame;
+    const qint64 frames = d->framesIn(maxSize, bytesPerFrame);
     if (frames < 0)
         return -1;
     qint64 done;
