@@ -1,0 +1,3 @@
+#ifndef QSOVAAUDIOSIGNAL_H
+#define QSOVAAUDIOSIGNAL_H
+#endif
