@@ -182,6 +182,32 @@ private slots:
         QVERIFY(AUDIO_Length(back.get()) <= 0);
     }
 
+    // A float source saved with no codec named stays float where the container stores float.
+    void floatSourceStaysFloat_data()
+    {
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<QString>("format");
+        QTest::addColumn<uint>("coder");
+        const uint be = AUDIO_CODEC_FLAG_BIGENDIAN;
+        QTest::newRow("wav") << "fl.wav" << "" << uint(AUDIO_CODEC_FLOAT32);
+        QTest::newRow("aiff") << "fl.aiff" << "" << (AUDIO_CODEC_FLOAT32 | be);
+        QTest::newRow("voc stores no float") << "fl.voc" << "" << uint(AUDIO_CODEC_PCM16);
+        QTest::newRow("nbits asked for") << "fl2.wav" << "wav[nbits=16]" << uint(AUDIO_CODEC_PCM16);
+    }
+    void floatSourceStaysFloat()
+    {
+        QFETCH(QString, name);
+        QFETCH(QString, format);
+        _audio_format fmt = AUDIO_FormatEx(44100, 1, 32);
+        fmt.coder = AUDIO_CODEC_FLOAT32;
+        File file(AUDIO_CreateFileEx2(path(name).toUtf8(), format.toUtf8(), &fmt, -1, -1, 0,
+                                      nullptr, 0));
+        QVERIFY2(file, qPrintable(lastError()));
+        _audio_format got;
+        QVERIFY(AUDIO_GetAudioFileFormat(file.get(), &got));
+        QTEST(got.coder, "coder");
+    }
+
     // Float is IEEEFloat x 32768; Int16 round-trips exactly through a 16-bit WAV.
     void sampleKinds()
     {

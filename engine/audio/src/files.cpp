@@ -647,6 +647,15 @@ bool resolveWriteFormat(
     }
 
     uint32_t coder = spec.coder ? spec.coder : defaultCoder(container);
+    // Float material stays float where the container's default is PCM: a float signal or
+    // file saved as "x.wav" keeps its samples rather than turning into 32-bit integers.
+    if (!spec.coder && spec.bitsPerSample == 0 && fmtValid && isFloatCoder(fmt->coder)
+        && isPcmInteger(coder)) {
+        const uint32_t floatCoder =
+            (fmt->coder & AUDIO_CODEC_MASK) | (coder & AUDIO_CODEC_FLAG_BIGENDIAN);
+        if (sndfileWrites(container, floatCoder))
+            coder = floatCoder;
+    }
     int32_t bits = spec.bitsPerSample;
     if (bits == 0 && spec.coder != 0 && !storesAnyResolution(spec.coder))
         bits = coderBits(spec.coder);
@@ -701,6 +710,14 @@ bool resolveWriteFormat(
                                                   : "this codec",
                 bits);
             return false;
+        }
+        // A PCM width taken from the source rather than asked for, which the container does
+        // not store (32-bit into VOC, say), becomes the widest one it does.
+        const bool widthAskedFor = spec.bitsPerSample != 0 || spec.coder != 0;
+        while (!widthAskedFor && bits > 16 && !isFloatCoder(pcm)
+            && !sndfileWrites(container, pcm | flag)) {
+            bits = bits > 24 ? 24 : 16;
+            pcm = bits == 24 ? AUDIO_CODEC_PCM24 : AUDIO_CODEC_PCM16;
         }
         coder = pcm | flag;
         if (spec.endian == 1)
