@@ -205,7 +205,8 @@ private slots:
     {
         const Result r = run({QStringLiteral("help")});
         for (const char* name : {"help", "version", "options", "settings", "ini", "windows",
-                                 "selftest", "info", "convert", "split", "join", "demo"})
+                                 "selftest", "info", "convert", "split", "join", "demo",
+                                 "stats", "spectrum"})
             QVERIFY2(r.out.contains(QRegularExpression(QStringLiteral("^  %1 ").arg(
                          QLatin1String(name)), QRegularExpression::MultilineOption)),
                      qPrintable(r.out));
@@ -292,7 +293,7 @@ private slots:
                  qPrintable(lines[6]));
         const Result selftest = run({QStringLiteral("selftest")});
         QCOMPARE(selftest.status, 0);
-        QCOMPARE(selftest.out, QStringLiteral("ring buffer: PASS\n"));
+        QCOMPARE(selftest.out, QStringLiteral("ring buffer: PASS\nslice iterator: PASS\n"));
         QVERIFY2(selftest.err.isEmpty(), qPrintable(selftest.err));
     }
 
@@ -324,6 +325,276 @@ private slots:
         QVERIFY2(blocks[3].contains(QStringLiteral("text:    (absent or empty)")),
                  qPrintable(blocks[3]));
         QVERIFY2(blocks[3].contains(QStringLiteral("double:  -\n")), qPrintable(blocks[3]));
+    }
+
+private:
+    // A mono 16-bit WAV at 48 kHz: a tone of amplitude a at f Hz over an offset dc for
+    // toneSeconds, then silenceSeconds of silence.
+    void writeToneWav(const char* name, double f, double a, double dc, double toneSeconds,
+                      double silenceSeconds = 0.0)
+    {
+        const int rate = 48000;
+        QByteArray data;
+        QDataStream s(&data, QIODevice::WriteOnly);
+        s.setByteOrder(QDataStream::LittleEndian);
+        for (int i = 0; i < int((toneSeconds + silenceSeconds) * rate); ++i) {
+            const double v = i < toneSeconds * rate ? dc + a * std::sin(2 * M_PI * f * i / rate) : 0.0;
+            s << qint16(std::lround(v * 32767.0));
+        }
+        QByteArray header;
+        QDataStream h(&header, QIODevice::WriteOnly);
+        h.setByteOrder(QDataStream::LittleEndian);
+        h.writeRawData("RIFF", 4);
+        h << quint32(36 + data.size());
+        h.writeRawData("WAVEfmt ", 8);
+        h << quint32(16) << quint16(1) << quint16(1) << quint32(rate) << quint32(rate * 2)
+          << quint16(2) << quint16(16);
+        h.writeRawData("data", 4);
+        h << quint32(data.size());
+        QFile file(path(name));
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(header + data);
+    }
+
+    void writeToneFiles()
+    {
+        if (QFileInfo::exists(path("burst.wav")))
+            return;
+        writeToneWav("tone.wav", 1500.0, 0.5, 0.0, 2.0);
+        writeToneWav("low.wav", 100.0, 0.5, 0.0, 2.0);
+        writeToneWav("offset.wav", 1000.0, 0.25, 0.25, 2.0);
+        writeToneWav("burst.wav", 1500.0, 0.5, 0.0, 1.0, 1.0);
+    }
+
+private slots:
+    // Channel 1 of sova stats against values worked out from the tones; the A-weighted level
+    // differs from the plain one by the weighting at the tone's frequency (0 dB at 1 kHz,
+    // -19.1 dB at 100 Hz) and loses the DC offset.
+    void stats_data()
+    {
+        writeToneFiles();
+        QTest::addColumn<QString>("file");
+        QTest::addColumn<QStringList>("selections");
+        QTest::addColumn<double>("peak");
+        QTest::addColumn<double>("rms");
+        QTest::addColumn<double>("dc");
+        QTest::addColumn<double>("weightedRms");
+        QTest::addColumn<QString>("errPattern");
+        // The analogue A-weighting curve, normalised to 0 dB at 1 kHz: the gain at f.
+        auto aGain = [](double f) {
+            const double f2 = f * f, a = 12194.0 * 12194.0;
+            const double ra = a * f2 * f2
+                / ((f2 + 20.6 * 20.6) * std::sqrt((f2 + 107.7 * 107.7) * (f2 + 737.9 * 737.9))
+                   * (f2 + a));
+            return ra * std::pow(10.0, 2.0 / 20.0);
+        };
+        const double r = 0.5 / std::sqrt(2.0), half = r / std::sqrt(2.0);
+        QTest::newRow("1.5 kHz, half scale") << "tone.wav" << QStringList() << 0.5 << r << 0.0
+                                             << r * aGain(1500) << "";
+        QTest::newRow("100 Hz, A-weighted down") << "low.wav" << QStringList() << 0.5 << r << 0.0
+                                                 << r * aGain(100) << "";
+        QTest::newRow("DC offset") << "offset.wav" << QStringList() << 0.5
+                                   << std::sqrt(0.0625 + 0.03125) << 0.25
+                                   << 0.25 / std::sqrt(2.0) * aGain(1000) << "";
+        QTest::newRow("whole burst") << "burst.wav" << QStringList() << 0.5 << half << 0.0
+                                     << half * aGain(1500) << "";
+        QTest::newRow("selection of the tone") << "burst.wav" << QStringList{"0-1"} << 0.5 << r
+                                               << 0.0 << r * aGain(1500) << "";
+        QTest::newRow("two selections, half silent")
+            << "burst.wav" << QStringList{"0.5-1", "1-1.5"} << 0.5 << half << 0.0
+            << half * aGain(1500) << "";
+        QTest::newRow("selection cut at the end") << "burst.wav" << QStringList{"1.5-9"} << 0.0
+                                                  << 0.0 << 0.0 << 0.0 << "cut to 1.500-2.000";
+    }
+
+    void stats()
+    {
+        QFETCH(QString, file);
+        QFETCH(QStringList, selections);
+        QFETCH(double, peak);
+        QFETCH(double, rms);
+        QFETCH(double, dc);
+        QFETCH(double, weightedRms);
+        QFETCH(QString, errPattern);
+        QStringList arguments{QStringLiteral("stats"), m_dir.filePath(file)};
+        for (const QString& s : selections)
+            arguments << QStringLiteral("--selection") << s;
+        const Result r = run(arguments);
+        QVERIFY2(r.status == 0, qPrintable(r.err));
+        QVERIFY2(r.err.contains(errPattern), qPrintable(r.err));
+        const QRegularExpressionMatch row
+            = QRegularExpression(QStringLiteral("^ +1 +(.*)$"), QRegularExpression::MultilineOption)
+                  .match(r.out);
+        QVERIFY2(row.hasMatch(), qPrintable(r.out));
+        const QStringList f = row.captured(1).split(QLatin1Char(' '), Qt::SkipEmptyParts);
+        QCOMPARE(f.size(), 6); // peak, peak dB, RMS, RMS dB, DC, A-weighted dB
+        QVERIFY2(std::fabs(f[0].toDouble() - peak) < 2e-4, qPrintable(r.out));
+        QVERIFY2(std::fabs(f[2].toDouble() - rms) < 2e-3, qPrintable(r.out));
+        QVERIFY2(std::fabs(f[4].toDouble() - dc) < 2e-4, qPrintable(r.out));
+        if (rms == 0.0) {
+            QCOMPARE(f[3], QStringLiteral("-inf"));
+        } else {
+            QVERIFY2(std::fabs(f[3].toDouble() - 20 * std::log10(rms)) < 0.05, qPrintable(r.out));
+            QVERIFY2(std::fabs(f[5].toDouble() - 20 * std::log10(weightedRms)) < 0.3,
+                     qPrintable(r.out));
+        }
+    }
+
+    void analysisErrors_data()
+    {
+        writeToneFiles();
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QString>("errPattern");
+        const QString tone = path("tone.wav");
+        QTest::newRow("no end") << QStringList{"stats", "-s", "1.5", tone} << 2 << "'1.5' is not BEGIN-END";
+        QTest::newRow("inverted") << QStringList{"stats", "-s", "3-1", tone} << 2 << "does not end after";
+        QTest::newRow("empty") << QStringList{"spectrum", "-s", "2-2", tone} << 2 << "does not end after";
+        QTest::newRow("negative") << QStringList{"spectrum", "-s", "-1-2", tone} << 2 << "not BEGIN-END";
+        QTest::newRow("words") << QStringList{"stats", "--selection", "a-b", tone} << 2 << "not BEGIN-END";
+        QTest::newRow("odd fft") << QStringList{"spectrum", "--fft", "1023", tone} << 2 << "--fft";
+        QTest::newRow("tiny fft") << QStringList{"spectrum", "--fft", "8", tone} << 2 << "--fft";
+        QTest::newRow("zero step") << QStringList{"spectrum", "--step", "0", tone} << 2 << "--step";
+        QTest::newRow("unknown window") << QStringList{"spectrum", "--window", "nope", tone} << 2
+                                        << "unknown window 'nope'";
+        QTest::newRow("stats missing") << QStringList{"stats", path("missing.wav")} << 1 << "missing.wav";
+        QTest::newRow("spectrum not audio") << QStringList{"spectrum", path("notaudio.txt")} << 1
+                                            << "notaudio.txt";
+        QTest::newRow("past the end") << QStringList{"stats", "-s", "5-6", tone} << 1
+                                      << "no selection lies within";
+        QTest::newRow("shorter than a frame") << QStringList{"spectrum", "-s", "0-0.01", tone} << 1
+                                              << "shorter than one frame of 4096";
+        QTest::newRow("no such channel") << QStringList{"spectrum", "--channel", "2", tone} << 1
+                                         << "not 2";
+    }
+
+    void analysisErrors()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(int, status);
+        QFETCH(QString, errPattern);
+        const Result r = run(arguments);
+        QCOMPARE(r.status, status);
+        QVERIFY2(r.err.contains(errPattern), qPrintable(r.err));
+        QVERIFY2(r.out.isEmpty(), qPrintable(r.out));
+    }
+
+    // The CSV's loudest bin is the tone's (every tone lies on a bin centre, where the window
+    // does not matter) at its level; the silent half of the burst halves the average power.
+    void spectrumCsv_data()
+    {
+        writeToneFiles();
+        QTest::addColumn<QString>("file");
+        QTest::addColumn<QStringList>("options");
+        QTest::addColumn<int>("fft");
+        QTest::addColumn<double>("level");
+        QTest::newRow("defaults") << "tone.wav" << QStringList() << 4096 << -6.02;
+        QTest::newRow("1024, default window") << "tone.wav" << QStringList{"--fft", "1024"} << 1024
+                                              << -6.02;
+        QTest::newRow("hann, step 512") << "tone.wav" << QStringList{"--fft", "2048", "--step", "512",
+                                                                     "--window", "hann"}
+                                        << 2048 << -6.02;
+        QTest::newRow("flat-top") << "tone.wav" << QStringList{"--fft", "512", "--window", "Flat-Top"}
+                                  << 512 << -6.02;
+        QTest::newRow("selection of the tone") << "burst.wav" << QStringList{"--fft", "1024", "-s", "0-1"}
+                                               << 1024 << -6.02;
+        QTest::newRow("tone and silence") << "burst.wav" << QStringList{"--fft", "1024"} << 1024 << -9.03;
+    }
+
+    void spectrumCsv()
+    {
+        QFETCH(QString, file);
+        QFETCH(QStringList, options);
+        QFETCH(int, fft);
+        QFETCH(double, level);
+        const QString csv = path("spectrum.csv");
+        const QStringList arguments = QStringList{"spectrum", m_dir.filePath(file)} + options;
+        Result r = run(arguments + QStringList{"--csv", csv});
+        QVERIFY2(r.status == 0, qPrintable(r.err));
+        QFile f(csv);
+        QVERIFY(f.open(QIODevice::ReadOnly));
+        const QStringList lines = QString::fromUtf8(f.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        QCOMPARE(lines.value(0), QStringLiteral("frequency_hz,channel_1_db"));
+        QCOMPARE(lines.size(), 1 + fft / 2 + 1);
+        double loudestHz = -1.0, loudest = -1e9;
+        for (const QString& line : lines.mid(1)) {
+            const QStringList cells = line.split(QLatin1Char(','));
+            QCOMPARE(cells.size(), 2);
+            if (cells[1].toDouble() > loudest) {
+                loudest = cells[1].toDouble();
+                loudestHz = cells[0].toDouble();
+            }
+        }
+        QCOMPARE(QString::number(lines.last().section(QLatin1Char(','), 0, 0).toDouble()),
+                 QStringLiteral("24000"));
+        QVERIFY2(std::fabs(loudestHz - 1500.0) <= 48000.0 / fft / 2, qPrintable(QString::number(loudestHz)));
+        QVERIFY2(std::fabs(loudest - level) < 0.2, qPrintable(QString::number(loudest)));
+        // Without outputs, the summary names the same peak first.
+        r = run(arguments);
+        QCOMPARE(r.status, 0);
+        QVERIFY2(r.out.contains(QStringLiteral("channel 1 peaks:  1500.0 Hz")), qPrintable(r.out));
+    }
+
+    // The chart is a well-formed PNG: signature, chunks whose CRCs hold, an IHDR of the
+    // chart's size, and IDAT data that inflates to one filtered row per line.
+    void spectrumPng()
+    {
+        writeToneFiles();
+        const QString png = path("spectrum.png");
+        const Result r = run({"spectrum", path("tone.wav"), "--png", png, "--csv", path("both.csv")});
+        QVERIFY2(r.status == 0, qPrintable(r.err));
+        QVERIFY(QFileInfo(path("both.csv")).size() > 0);
+        QFile f(png);
+        QVERIFY(f.open(QIODevice::ReadOnly));
+        const QByteArray bytes = f.readAll();
+        QVERIFY(bytes.startsWith(QByteArray("\x89PNG\r\n\x1a\n", 8)));
+        auto crc = [](const QByteArray& data) {
+            quint32 c = 0xFFFFFFFFu;
+            for (const char byte : data) {
+                c ^= quint8(byte);
+                for (int k = 0; k < 8; ++k)
+                    c = (c >> 1) ^ (0xEDB88320u & (0u - (c & 1u)));
+            }
+            return ~c;
+        };
+        QStringList types;
+        QByteArray header, idat;
+        for (int at = 8; at < bytes.size();) {
+            QVERIFY(at + 12 <= bytes.size());
+            const quint32 length = qFromBigEndian<quint32>(bytes.constData() + at);
+            const QByteArray body = bytes.mid(at + 4, 4 + int(length));
+            QCOMPARE(qFromBigEndian<quint32>(bytes.constData() + at + 8 + length), crc(body));
+            types << QString::fromLatin1(body.left(4));
+            if (types.last() == QLatin1String("IHDR"))
+                header = body.mid(4);
+            if (types.last() == QLatin1String("IDAT"))
+                idat += body.mid(4);
+            at += 12 + int(length);
+        }
+        QCOMPARE(types.first(), QStringLiteral("IHDR"));
+        QCOMPARE(types.last(), QStringLiteral("IEND"));
+        QCOMPARE(header.size(), 13);
+        const quint32 width = qFromBigEndian<quint32>(header.constData());
+        const quint32 height = qFromBigEndian<quint32>(header.constData() + 4);
+        QCOMPARE(width, 960u);
+        QCOMPARE(height, 540u);
+        QCOMPARE(int(header[8]), 8);
+        QCOMPARE(int(header[9]), 2);
+        QByteArray sized(4, 0);
+        qToBigEndian(quint32(height * (1 + width * 3)), sized.data());
+        QCOMPARE(quint32(qUncompress(sized + idat).size()), height * (1 + width * 3));
+    }
+
+    void demoWritesSpectrum()
+    {
+        const Result r = run({QStringLiteral("demo"), path("demo-spectrum")});
+        QCOMPARE(r.status, 0);
+        QVERIFY2(r.out.contains(QStringLiteral("written as demo-spectrum.csv and demo-spectrum.png")),
+                 qPrintable(r.out));
+        QVERIFY(QFileInfo(path("demo-spectrum/demo-spectrum.png")).size() > 1000);
+        QFile csv(path("demo-spectrum/demo-spectrum.csv"));
+        QVERIFY(csv.open(QIODevice::ReadOnly));
+        QCOMPARE(csv.readLine(), QByteArray("frequency_hz,left_db\n"));
     }
 };
 

@@ -1,13 +1,16 @@
 // sova demo: writes a test signal in every format the engine writes, reads each back and
 // reports the size and how faithfully it came back.
+#include "analysis.h"
 #include "audiopaths.h"
 #include "command.h"
+#include "plot.h"
 
 #include <QDir>
 #include <QFileInfo>
 #include <QSova>
 #include <QSovaAudioFile>
 #include <QSovaAudioFormat>
+#include <QSovaAudioSignal>
 #include <QSovaUtils>
 #include <QTemporaryDir>
 #include <QVector>
@@ -194,6 +197,42 @@ bool readFile(const QString& path, const DemoFormat& f, QVector<float>& samples,
     return true;
 }
 
+// The average spectrum of the left channel as demo-spectrum.csv and demo-spectrum.png.
+bool writeSpectrum(const QString& dir, const QVector<float>& samples)
+{
+    QSovaAudioSignal signal(QSovaAudioFormat(kRate, kChannels, 16));
+    QVector<float> interleaved = samples;
+    signal.appendSamples(interleaved.data(), qint64(interleaved.size() / kChannels));
+    const SpectrumSettings settings;
+    QStringList unused;
+    const AveragedSpectrum spectrum
+        = averageSpectrum(signal, clipSelections({}, signal.duration(), &unused), {0}, settings);
+    const QString csv = QDir(dir).filePath(QStringLiteral("demo-spectrum.csv"));
+    const QString png = QDir(dir).filePath(QStringLiteral("demo-spectrum.png"));
+    SpectrumChart chart;
+    chart.title = QStringLiteral("Test signal, left channel: %1-point FFT, %2 frames")
+                      .arg(settings.fftLength)
+                      .arg(spectrum.frames);
+    chart.sampleRate = kRate;
+    chart.fftLength = settings.fftLength;
+    chart.names = QStringList {QStringLiteral("left")};
+    chart.levels = spectrum.levels;
+    QString error;
+    out() << Qt::endl;
+    if (spectrum.frames == 0
+        || !saveBytes(csv,
+            spectrumCsv({QStringLiteral("left_db")}, spectrum.levels, kRate, settings.fftLength),
+            &error)
+        || !saveBytes(png, spectrumPng(chart), &error)) {
+        out() << "Spectrum of the left channel not written: "
+              << (error.isEmpty() ? QSova::lastErrorString() : error) << Qt::endl;
+        return false;
+    }
+    out() << "Spectrum of the left channel (" << spectrum.frames
+          << " frames averaged) written as demo-spectrum.csv and demo-spectrum.png" << Qt::endl;
+    return true;
+}
+
 int runDemo(const QStringList& arguments)
 {
     QCommandLineParser parser;
@@ -265,6 +304,9 @@ int runDemo(const QStringList& arguments)
                      .arg(verdict)
               << Qt::endl;
     }
+    if (!writeSpectrum(dir, signal))
+        ++failures;
+
     out() << Qt::endl << written << " formats written and read back";
     if (!parser.positionalArguments().isEmpty())
         out() << ", kept in " << QDir(dir).absolutePath();

@@ -1,5 +1,6 @@
 #include "command.h"
 
+#include <QSovaAudioSignal>
 #include <QSovaRingBuffer>
 
 #include <new>
@@ -28,7 +29,9 @@ int runSelftest(const QStringList& arguments)
         return fail("selftest", QStringLiteral("ring buffer: cannot map its memory"));
     }
     out() << "ring buffer: " << (passed ? "PASS" : "FAIL") << Qt::endl;
-    return passed ? ExitOk : ExitFailure;
+    const bool slicesPassed = QSovaAudioSignal::SliceIterator::selfTest(false);
+    out() << "slice iterator: " << (slicesPassed ? "PASS" : "FAIL") << Qt::endl;
+    return passed && slicesPassed ? ExitOk : ExitFailure;
 }
 
 } // namespace

@@ -53,3 +53,5 @@ extern const Command convertCommand;
 extern const Command splitCommand;
 extern const Command joinCommand;
 extern const Command demoCommand;
+extern const Command statsCommand;
+extern const Command spectrumCommand;
