@@ -4,6 +4,8 @@
 // Prints, after the table, the ratios of the best times.
 #include <sova/audio.h>
 
+#include "bestreporter.h"
+
 #include <benchmark/benchmark.h>
 
 #include <cmath>
@@ -109,41 +111,19 @@ void memcpyOfMinute(benchmark::State& state)
 }
 BENCHMARK(memcpyOfMinute)->Arg(4)->Arg(2)->Unit(benchmark::kMillisecond);
 
-// Keeps the best time of each benchmark, the least disturbed by other work on the machine.
-class RatioReporter : public benchmark::ConsoleReporter
+void printRatios(const BestTimeReporter& r)
 {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override
-    {
-        for (const Run& run : runs) {
-            if (run.run_type != Run::RT_Iteration || run.error_occurred)
-                continue;
-            const std::string name = run.run_name.function_name + "/" + run.run_name.args;
-            const double t = run.GetAdjustedRealTime();
-            auto it = best.find(name);
-            if (it == best.end() || t < it->second)
-                best[name] = t;
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-    void printRatios() const
-    {
-        auto ratio = [&](const char* label, const std::string& a, const std::string& b) {
-            const auto x = best.find(a), y = best.find(b);
-            if (x != best.end() && y != best.end() && y->second > 0)
-                std::printf("%-52s time ratio %.2f\n", label, x->second / y->second);
-        };
-        ratio("insert 1 s: 60-minute / 1-minute signal (aim < 2)", "insertSecondInMiddle/60",
-            "insertSecondInMiddle/1");
-        ratio("read 1 minute as floats / memcpy of the same bytes", "getSamplesOfMinute/",
-            "memcpyOfMinute/4");
-        ratio("read 1 minute as int16 / memcpy of the same bytes", "getSamples16OfMinute/",
-            "memcpyOfMinute/2");
-    }
-
-private:
-    std::map<std::string, double> best;
-};
+    auto ratio = [&](const char* label, const std::string& a, const std::string& b) {
+        if (const double x = r.timeRatio(a, b))
+            std::printf("%-52s time ratio %.2f\n", label, x);
+    };
+    ratio("insert 1 s: 60-minute / 1-minute signal (aim < 2)", "insertSecondInMiddle/60",
+        "insertSecondInMiddle/1");
+    ratio("read 1 minute as floats / memcpy of the same bytes", "getSamplesOfMinute/",
+        "memcpyOfMinute/4");
+    ratio("read 1 minute as int16 / memcpy of the same bytes", "getSamples16OfMinute/",
+        "memcpyOfMinute/2");
+}
 
 } // namespace
 
@@ -152,9 +132,9 @@ int main(int argc, char** argv)
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv))
         return 1;
-    RatioReporter reporter;
+    BestTimeReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
-    reporter.printRatios();
+    printRatios(reporter);
     benchmark::Shutdown();
     return 0;
 }

@@ -2,6 +2,8 @@
 // Prints, after the table, each layer result as a ratio of throughput to its baseline.
 #include <sova/blio.h>
 
+#include "bestreporter.h"
+
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -134,39 +136,16 @@ BENCHMARK(BM_BlioReadData)
 BENCHMARK(BM_Fgetc)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_BlioReadChar)->UseRealTime()->Unit(benchmark::kMillisecond);
 
-// Keeps the best time of each benchmark, the least disturbed by other work on the machine.
-class RatioReporter : public benchmark::ConsoleReporter
+void printRatios(const BestTimeReporter& r)
 {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override
-    {
-        for (const Run& run : runs) {
-            if (run.run_type != Run::RT_Iteration || run.error_occurred)
-                continue;
-            const std::string name = run.run_name.function_name + "/" + run.run_name.args;
-            const double t = run.GetAdjustedRealTime();
-            auto it = best.find(name);
-            if (it == best.end() || t < it->second)
-                best[name] = t;
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-    void printRatios() const
-    {
-        auto ratio = [&](const std::string& layer, const std::string& base) {
-            const auto a = best.find(layer), b = best.find(base);
-            if (a != best.end() && b != best.end() && a->second > 0)
-                std::printf("%-28s / %-16s throughput ratio %.2f\n", layer.c_str(), base.c_str(),
-                    b->second / a->second);
-        };
-        for (const char* block : {"4096", "65536", "1048576"})
-            ratio(std::string("BM_BlioReadData/") + block, std::string("BM_Read/") + block);
-        ratio("BM_BlioReadChar/", "BM_Fgetc/");
-    }
-
-private:
-    std::map<std::string, double> best;
-};
+    auto ratio = [&](const std::string& layer, const std::string& base) {
+        if (const double x = r.timeRatio(base, layer))
+            std::printf("%-28s / %-16s throughput ratio %.2f\n", layer.c_str(), base.c_str(), x);
+    };
+    for (const char* block : {"4096", "65536", "1048576"})
+        ratio(std::string("BM_BlioReadData/") + block, std::string("BM_Read/") + block);
+    ratio("BM_BlioReadChar/", "BM_Fgetc/");
+}
 
 } // namespace
 
@@ -180,9 +159,9 @@ int main(int argc, char** argv)
         removeFile();
         return 1;
     }
-    RatioReporter reporter;
+    BestTimeReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
-    reporter.printRatios();
+    printRatios(reporter);
     benchmark::Shutdown();
     removeFile();
     return 0;

@@ -5,6 +5,7 @@
 # to 5), and with all three at level 8.
 # Usage: benchmarks/convert_vs_peers.sh [BUILD_DIR]
 set -euo pipefail
+source "$(dirname "$0")/lib.sh"
 build="${1:-build}"
 sova="$build/tools/sova/sova"
 for tool in sox ffmpeg; do
@@ -14,20 +15,9 @@ work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
 sox -n -r 44100 -c 2 -b 16 "$work/in.wav" synth 600 sine 440 sine 660 gain -6
 
-best() { # best of three wall-clock times in seconds of the command
-    local best=""
-    for _ in 1 2 3; do
-        local start end
-        start=$(date +%s.%N)
-        "$@" >/dev/null 2>&1
-        end=$(date +%s.%N)
-        best=$(python3 -c "import sys; t=$end-$start; b='$best'; print(t if not b or t<float(b) else b)")
-    done
-    echo "$best"
-}
 
 report() { # label, then the three times
-    python3 - "$@" "$work" <<'PY'
+    "$python" - "$@" "$work" <<'PY'
 import os, sys
 label, sova, sox, ffmpeg, work = sys.argv[1], *map(float, sys.argv[2:5]), sys.argv[5]
 size = lambda name: os.path.getsize(os.path.join(work, name)) / 1e6

@@ -11,12 +11,11 @@
 # Each command runs three times; the best wall-clock time counts.
 # Usage: benchmarks/spectrum_vs_peers.sh [BUILD_DIR]
 set -euo pipefail
+source "$(dirname "$0")/lib.sh"
 build="${1:-build}"
 sova="$build/tools/sova/sova"
 [ -x "$sova" ] || { echo "no $sova: build the sova target first" >&2; exit 1; }
 command -v sox >/dev/null || { echo "sox is not installed" >&2; exit 1; }
-# Debian's interpreter, which has Debian's SciPy (another python3 may come first on PATH).
-python=/usr/bin/python3
 "$python" -c "import scipy.signal, scipy.io.wavfile" 2>/dev/null \
     || { echo "SciPy is not installed (apt-get install python3-scipy)" >&2; exit 1; }
 work="$(mktemp -d)"
@@ -42,17 +41,6 @@ for channel in range(data.shape[1]):
 np.savetxt(sys.argv[2], np.column_stack([freqs] + columns), delimiter=",", fmt="%.3f")
 PY
 
-best() { # best of three wall-clock times in seconds of the command
-    local best=""
-    for _ in 1 2 3; do
-        local start end
-        start=$(date +%s.%N)
-        "$@" >/dev/null 2>&1
-        end=$(date +%s.%N)
-        best=$("$python" -c "t=$end-$start; b='$best'; print(t if not b or t<float(b) else b)")
-    done
-    echo "$best"
-}
 
 # Each tool must succeed once before it is timed.
 "$sova" spectrum "$work/in.wav" --fft 4096 --csv "$work/sova.csv"
