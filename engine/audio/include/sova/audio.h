@@ -340,6 +340,7 @@ SOVAAUDIO_EXPORT int32_t AUDIO_ConvertEx(const AUDIO_Progress* progress, const c
 #endif
 
 #include <sova/audiosignal.h>
+#include <sova/audiostream.h>
 
 
 #endif

@@ -1,0 +1,1 @@
+#include "qsovaaudioeffect.h"

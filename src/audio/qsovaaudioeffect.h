@@ -1,0 +1,3 @@
+#ifndef QSOVAAUDIOEFFECT_H
+#define QSOVAAUDIOEFFECT_H
+#endif

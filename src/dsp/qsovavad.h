@@ -1,0 +1,3 @@
+#ifndef QSOVAVAD_H
+#define QSOVAVAD_H
+#endif
