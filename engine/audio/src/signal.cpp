@@ -5,6 +5,11 @@
 // finds a frame by binary search. An edit rebuilds only the block it lands in (plus the frames
 // it adds), so its cost follows the data inserted, not the signal's length; neighbours small
 // enough to share one block are merged, so that the block count stays near length / block size.
+//
+// Every signal carries a reader-writer lock: reads share it, edits take it alone, so that a pipe
+// may grow a signal on one thread while others read it.
+#include "decoder.h"
+
 #include <sova/audio.h>
 
 #include <sova/blerror.h>
@@ -15,7 +20,9 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <new>
+#include <shared_mutex>
 #include <stdexcept>
 #include <type_traits>
 #include <vector>
@@ -226,6 +233,29 @@ template <typename T> struct Store
         reindex(from);
     }
 
+    // Adds src onto the frames from pos on; what lies past the end is appended. Blocks shared
+    // with a duplicate are copied before they change.
+    void overlap(const float* src, int64_t pos, int64_t count)
+    {
+        pos = std::min(pos, total());
+        const int64_t inside = std::min(count, total() - pos);
+        for (int64_t done = 0; done < inside;) {
+            const size_t i = find(pos + done);
+            Ptr& block = blocks[i];
+            if (block.use_count() > 1)
+                block = std::make_shared<Block>(*block);
+            const int64_t off = pos + done - starts[i];
+            const int64_t n = std::min(inside - done, frames(i) - off);
+            T* dst = block->data() + off * channels;
+            const float* add = src + done * channels;
+            for (int64_t k = 0; k < n * channels; ++k)
+                dst[k] = convert<T>(convert<float>(dst[k]) + add[k]);
+            done += n;
+        }
+        if (count > inside)
+            append(src + inside * channels, count - inside);
+    }
+
     template <typename S> void insert(const S* src, int64_t pos, int64_t count)
     {
         if (pos >= total()) {
@@ -352,6 +382,7 @@ int64_t readFrames(const Store<T>& store, int64_t pos, O* buffer, int64_t count,
 
 struct _AUDIOSIGNAL
 {
+    mutable std::shared_mutex lock; // shared by reads, exclusive for edits
     _audio_format format {};
     uint32_t activeMask = 0;
     bool isFloat = false;
@@ -363,6 +394,9 @@ struct _AUDIOSIGNAL
 };
 
 namespace {
+
+using ReadLock = std::shared_lock<std::shared_mutex>;
+using WriteLock = std::unique_lock<std::shared_mutex>;
 
 bool storesFloat(const _audio_format& format)
 {
@@ -393,8 +427,9 @@ template <typename Fn> auto withStore(_AUDIOSIGNAL* signal, Fn&& fn)
     return signal->isFloat ? fn(signal->f32) : fn(signal->s16);
 }
 
+// The caller holds the signal's lock.
 template <typename O>
-int64_t read(_AUDIOSIGNAL* signal, int64_t pos, O* buffer, int64_t count, int64_t step,
+int64_t readLocked(_AUDIOSIGNAL* signal, int64_t pos, O* buffer, int64_t count, int64_t step,
     const Channels& which, int32_t flags)
 {
     if (!signal || !buffer || count <= 0 || step < 1)
@@ -406,10 +441,21 @@ int64_t read(_AUDIOSIGNAL* signal, int64_t pos, O* buffer, int64_t count, int64_
 }
 
 template <typename O>
+int64_t read(_AUDIOSIGNAL* signal, int64_t pos, O* buffer, int64_t count, int64_t step,
+    const Channels& which, int32_t flags)
+{
+    if (!signal)
+        return 0;
+    ReadLock guard(signal->lock);
+    return readLocked(signal, pos, buffer, count, step, which, flags);
+}
+
+template <typename O>
 int64_t readActive(_AUDIOSIGNAL* signal, int64_t pos, O* buffer, int64_t count, int32_t flags)
 {
     if (!signal)
         return 0;
+    ReadLock guard(signal->lock);
     int list[8];
     Channels which {list, 0};
     for (int c = 0; c < signal->channels(); ++c)
@@ -417,7 +463,7 @@ int64_t readActive(_AUDIOSIGNAL* signal, int64_t pos, O* buffer, int64_t count, 
             list[which.count++] = c;
     if (which.count == signal->channels())
         which.list = nullptr;
-    return read(signal, pos, buffer, count, 1, which, flags);
+    return readLocked(signal, pos, buffer, count, 1, which, flags);
 }
 
 template <typename O>
@@ -435,6 +481,7 @@ int64_t insert(_AUDIOSIGNAL* signal, const S* data, int64_t pos, int64_t count, 
 {
     if (!signal || !data || count <= 0)
         return 0;
+    WriteLock guard(signal->lock);
     try {
         const int64_t total = signal->total();
         const int64_t at = append ? total : std::clamp<int64_t>(pos, 0, total);
@@ -450,6 +497,27 @@ int64_t insert(_AUDIOSIGNAL* signal, const S* data, int64_t pos, int64_t count, 
 }
 
 } // namespace
+
+namespace sova::audio {
+
+int64_t overlapSignalSamples(_AUDIOSIGNAL* signal, const float* data, int64_t pos, int64_t count)
+{
+    if (!signal || !data || count <= 0)
+        return 0;
+    WriteLock guard(signal->lock);
+    try {
+        withStore(signal, [&](auto& store) {
+            store.overlap(data, std::max<int64_t>(pos, 0), count);
+            return 0;
+        });
+        return count;
+    } catch (const std::exception&) {
+        noMemory("adding samples");
+        return -1;
+    }
+}
+
+} // namespace sova::audio
 
 extern "C" {
 
@@ -568,6 +636,7 @@ int32_t AUDIOSIGNAL_SaveEx(_AUDIOSIGNAL* signal, const char* path, const char* f
         BLERROR_Set(BLERR_INVALID_ARGUMENT, "no path to save the signal to");
         return 0;
     }
+    ReadLock guard(signal->lock);
     const int64_t total = signal->total();
     const int64_t from = std::clamp<int64_t>(startFrame, 0, total);
     const int64_t count = numFrames <= 0 ? total - from : std::min(numFrames, total - from);
@@ -603,6 +672,7 @@ _AUDIOSIGNAL* AUDIOSIGNAL_DuplicateEx(_AUDIOSIGNAL* signal, uint32_t options)
 {
     if (!signal)
         return nullptr;
+    ReadLock guard(signal->lock);
     try {
         auto copy = std::make_unique<_AUDIOSIGNAL>();
         copy->format = signal->format;
@@ -630,13 +700,17 @@ void AUDIOSIGNAL_Destroy(_AUDIOSIGNAL* signal)
 
 int64_t AUDIOSIGNAL_NumSamples(_AUDIOSIGNAL* signal)
 {
-    return signal ? signal->total() : 0;
+    if (!signal)
+        return 0;
+    ReadLock guard(signal->lock);
+    return signal->total();
 }
 
 double AUDIOSIGNAL_Length(_AUDIOSIGNAL* signal)
 {
     if (!signal || signal->format.sampleRate <= 0)
         return 0.0;
+    ReadLock guard(signal->lock);
     return static_cast<double>(signal->total()) / signal->format.sampleRate;
 }
 
@@ -662,13 +736,17 @@ const _audio_format* AUDIOSIGNAL_GetFormatRef(_AUDIOSIGNAL* signal)
 
 int32_t AUDIOSIGNAL_NumActiveChannels(_AUDIOSIGNAL* signal)
 {
-    return signal ? __builtin_popcount(signal->activeMask) : 0;
+    if (!signal)
+        return 0;
+    ReadLock guard(signal->lock);
+    return __builtin_popcount(signal->activeMask);
 }
 
 int32_t AUDIOSIGNAL_ChannelIsActive(_AUDIOSIGNAL* signal, int32_t channel)
 {
     if (!signal || channel < 0 || channel >= signal->channels())
         return 0;
+    ReadLock guard(signal->lock);
     return (signal->activeMask >> channel) & 1u;
 }
 
@@ -676,6 +754,7 @@ int32_t AUDIOSIGNAL_SetChannelActive(_AUDIOSIGNAL* signal, int32_t channel, int3
 {
     if (!signal || channel < 0 || channel >= signal->channels())
         return 0;
+    WriteLock guard(signal->lock);
     if (active)
         signal->activeMask |= 1u << channel;
     else
@@ -751,6 +830,7 @@ int64_t AUDIOSIGNAL_DeleteSamples(_AUDIOSIGNAL* signal, int64_t pos, int64_t cou
 {
     if (!signal || count <= 0)
         return 0;
+    WriteLock guard(signal->lock);
     const int64_t total = signal->total();
     const int64_t from = std::clamp<int64_t>(pos, 0, total);
     const int64_t to = pos > total - count ? total : std::max<int64_t>(pos + count, 0);

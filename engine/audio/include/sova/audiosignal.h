@@ -17,8 +17,9 @@
  * active channels of each frame, in channel order) and what editors apply edits to; set them
  * with AUDIOSIGNAL_SetChannelActive.
  *
- * Every function accepts a null handle and returns 0 (or 0.0, or null). A signal is used by
- * one thread at a time. */
+ * Every function accepts a null handle and returns 0 (or 0.0, or null). A signal locks itself
+ * for every read and edit, so one thread may write into it (a pipe, say) while others read its
+ * written part; a sequence of calls is not atomic as a whole. */
 #ifndef SOVA_AUDIOSIGNAL_H
 #define SOVA_AUDIOSIGNAL_H
 
