@@ -12,6 +12,7 @@ packages=(
     libavformat-dev libavcodec-dev libswresample-dev libavutil-dev
     sox ffmpeg
     python3-numpy
+    espeak-ng
     python3-scipy
     clang libclang-rt-14-dev
 )
