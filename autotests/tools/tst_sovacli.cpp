@@ -206,7 +206,7 @@ private slots:
         const Result r = run({QStringLiteral("help")});
         for (const char* name : {"help", "version", "options", "settings", "ini", "windows",
                                  "selftest", "info", "convert", "split", "join", "demo",
-                                 "stats", "spectrum"})
+                                 "stats", "spectrum", "vad", "fx", "decode"})
             QVERIFY2(r.out.contains(QRegularExpression(QStringLiteral("^  %1 ").arg(
                          QLatin1String(name)), QRegularExpression::MultilineOption)),
                      qPrintable(r.out));
@@ -595,6 +595,201 @@ private slots:
         QFile csv(path("demo-spectrum/demo-spectrum.csv"));
         QVERIFY(csv.open(QIODevice::ReadOnly));
         QCOMPARE(csv.readLine(), QByteArray("frequency_hz,left_db\n"));
+    }
+
+private:
+    // A mono 16-bit WAV of the samples (+-1.0) at rate.
+    void writeMonoWav(const char* name, int rate, const QVector<float>& samples)
+    {
+        QByteArray data;
+        QDataStream s(&data, QIODevice::WriteOnly);
+        s.setByteOrder(QDataStream::LittleEndian);
+        for (float v : samples)
+            s << qint16(std::lround(v * 32767.0));
+        QByteArray header;
+        QDataStream h(&header, QIODevice::WriteOnly);
+        h.setByteOrder(QDataStream::LittleEndian);
+        h.writeRawData("RIFF", 4);
+        h << quint32(36 + data.size());
+        h.writeRawData("WAVEfmt ", 8);
+        h << quint32(16) << quint16(1) << quint16(1) << quint32(rate) << quint32(rate * 2)
+          << quint16(2) << quint16(16);
+        h.writeRawData("data", 4);
+        h << quint32(data.size());
+        QFile file(path(name));
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(header + data);
+    }
+
+    // silence seconds of silence, then voiced seconds of a vowel-like sound (harmonics of
+    // 140 Hz with a tremolo).
+    static QVector<float> voice(int rate, double silence, double voiced)
+    {
+        QVector<float> v(int((silence + voiced) * rate), 0.0f);
+        for (int i = int(silence * rate); i < v.size(); ++i) {
+            const double t = double(i) / rate;
+            double sum = 0.0;
+            for (int k = 1; k <= 12; ++k)
+                sum += std::sin(2.0 * M_PI * 140.0 * k * t) / k;
+            v[i] = float(0.2 * sum * (0.7 + 0.3 * std::sin(2.0 * M_PI * 4.0 * t)));
+        }
+        return v;
+    }
+
+    // (sample rate, channels) from a WAV's fmt chunk; (0, 0) when there is none.
+    static QPair<int, int> wavRateChannels(const QString& file)
+    {
+        QFile f(file);
+        if (!f.open(QIODevice::ReadOnly))
+            return {0, 0};
+        const QByteArray all = f.readAll();
+        const int at = all.indexOf("fmt ");
+        if (at < 0 || all.size() < at + 16)
+            return {0, 0};
+        return {int(qFromLittleEndian<quint32>(all.constData() + at + 12)),
+                int(qFromLittleEndian<quint16>(all.constData() + at + 10))};
+    }
+
+private slots:
+    void vad_data()
+    {
+        writeMonoWav("quiet.wav", 16000, QVector<float>(32000, 0.0f));
+        writeMonoWav("voice.wav", 16000, voice(16000, 1.0, 1.0));
+        writeMonoWav("lowrate.wav", 4000, voice(4000, 0.5, 0.5));
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<int>("status");
+        QTest::addColumn<int>("segments");
+        QTest::addColumn<QString>("stderrPattern");
+        QTest::newRow("silence") << QStringList{"quiet.wav"} << 0 << 0 << "";
+        QTest::newRow("voice after a second") << QStringList{"voice.wav"} << 0 << 1 << "";
+        QTest::newRow("with parameters")
+            << QStringList{"voice.wav", "--params", "aggressiveness=3,hangover=100"} << 0 << 1 << "";
+        QTest::newRow("bad parameters") << QStringList{"voice.wav", "--params", "aggressiveness=9"}
+                                        << 2 << 0 << "aggressiveness=9";
+        QTest::newRow("rate too low") << QStringList{"lowrate.wav"} << 1 << 0 << "4000 Hz";
+        QTest::newRow("not audio") << QStringList{"notaudio.txt"} << 1 << 0 << "notaudio.txt";
+    }
+    void vad()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(int, status);
+        QFETCH(int, segments);
+        QFETCH(QString, stderrPattern);
+        const QString labels = path("labels.txt");
+        QFile::remove(labels);
+        QStringList args{QStringLiteral("vad"), path(qPrintable(arguments.first())),
+                         QStringLiteral("--labels"), labels};
+        const Result r = run(args + arguments.mid(1));
+        QVERIFY2(r.status == status, qPrintable(r.err));
+        QVERIFY2(r.err.contains(stderrPattern), qPrintable(r.err));
+        if (status != 0)
+            return;
+        const QStringList lines = r.out.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        QCOMPARE(lines.size(), segments);
+        QFile file(labels);
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        QString expected;
+        for (const QString& line : lines) {
+            QVERIFY2(QRegularExpression(QStringLiteral("^\\d+\\.\\d{3}\\t\\d+\\.\\d{3}$")).match(line).hasMatch(),
+                     qPrintable(line));
+            const double begin = line.section(QLatin1Char('\t'), 0, 0).toDouble();
+            const double end = line.section(QLatin1Char('\t'), 1, 1).toDouble();
+            QVERIFY2(begin >= 0.95 && begin <= 1.2 && end > 1.9 && end <= 2.0, qPrintable(line));
+            expected += line + QStringLiteral("\tspeech\n");
+        }
+        QCOMPARE(QString::fromUtf8(file.readAll()), expected);
+    }
+
+    void fx_data()
+    {
+        QTest::addColumn<QStringList>("options");
+        QTest::addColumn<int>("status");
+        QTest::addColumn<int>("rate");
+        QTest::addColumn<int>("channels");
+        QTest::addColumn<double>("gain"); // expected output over input, 0 when not checked
+        QTest::newRow("gain") << QStringList{"--chain", "gain[factor=0.5]"} << 0 << 8000 << 2 << 0.5;
+        QTest::newRow("resample and mix")
+            << QStringList{"--chain", "resample[sr=16000];mix[nch=1]"} << 0 << 16000 << 1 << 0.0;
+        QTest::newRow("bad chain") << QStringList{"--chain", "bogus[x=1]"} << 2 << 0 << 0 << 0.0;
+        QTest::newRow("no chain") << QStringList{} << 2 << 0 << 0 << 0.0;
+    }
+    void fx()
+    {
+        QFETCH(QStringList, options);
+        QFETCH(int, status);
+        QFETCH(int, rate);
+        QFETCH(int, channels);
+        QFETCH(double, gain);
+        const QString target = path("fx-out.wav");
+        QFile::remove(target);
+        const Result r = run(QStringList{QStringLiteral("fx"), path("stereo.wav"), target} + options);
+        QVERIFY2(r.status == status, qPrintable(r.err));
+        if (status != 0) {
+            QVERIFY(!QFileInfo::exists(target));
+            if (options.size() > 1)
+                QVERIFY2(r.err.contains(options.at(1)), qPrintable(r.err));
+            return;
+        }
+        QCOMPARE(wavRateChannels(target), qMakePair(rate, channels));
+        if (gain > 0.0) {
+            const QVector<qint16> in = wavSamples(path("stereo.wav"));
+            const QVector<qint16> got = wavSamples(target);
+            QCOMPARE(got.size(), in.size());
+            for (int i = 0; i < in.size(); i += 97)
+                QVERIFY2(qAbs(got[i] - in[i] * gain) <= 1.0, qPrintable(QString::number(i)));
+        }
+    }
+
+    // A FLAC stream made by convert comes back exactly through decode.
+    void decode_data()
+    {
+        QTest::addColumn<QString>("stream");
+        QTest::addColumn<QStringList>("options");
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QString>("stderrPattern");
+        QTest::newRow("by extension") << "s.flac" << QStringList{} << 0 << "";
+        QTest::newRow("by option") << "s.bin" << QStringList{"--codec", "flac"} << 0 << "";
+        QTest::newRow("unknown extension") << "s.bin" << QStringList{} << 2 << "--codec";
+        QTest::newRow("unknown codec") << "s.flac" << QStringList{"--codec", "ogg"} << 2 << "ogg";
+        QTest::newRow("wrong codec") << "s.flac" << QStringList{"--codec", "mp3"} << 1 << "MP3";
+        QTest::newRow("missing") << "none.flac" << QStringList{} << 1 << "none.flac";
+    }
+    void decode()
+    {
+        QFETCH(QString, stream);
+        QFETCH(QStringList, options);
+        QFETCH(int, status);
+        QFETCH(QString, stderrPattern);
+        if (!QFileInfo::exists(path("s.bin"))) {
+            QCOMPARE(run({QStringLiteral("convert"), path("stereo.wav"), path("s.flac")}).status, 0);
+            QVERIFY(QFile::copy(path("s.flac"), path("s.bin")));
+        }
+        const QString target = path("decoded.wav");
+        QFile::remove(target);
+        const Result r = run(QStringList{QStringLiteral("decode"), path(qPrintable(stream)), target}
+                             + options);
+        QVERIFY2(r.status == status, qPrintable(r.err));
+        QVERIFY2(r.err.contains(stderrPattern), qPrintable(r.err));
+        if (status != 0) {
+            QVERIFY(!QFileInfo::exists(target));
+            return;
+        }
+        QVERIFY2(r.out.startsWith(QStringLiteral("FLAC: 8000 Hz, 2 channels, 8000 frames")),
+                 qPrintable(r.out));
+        QCOMPARE(wavSamples(target), wavSamples(path("stereo.wav")));
+    }
+
+    void demoAppliesEffectAndDetector()
+    {
+        QProcess process;
+        process.start(QStringLiteral(SOVA_BINARY), {QStringLiteral("demo"), path("demo-fx")});
+        QVERIFY(process.waitForFinished(120000));
+        const QString out = QString::fromUtf8(process.readAllStandardOutput());
+        QVERIFY2(out.contains(QStringLiteral("written as demo-fx.wav\n"))
+                     && QRegularExpression(QStringLiteral("Voice activity on demo-fx.wav: \\d+\\.\\d% speech"))
+                            .match(out).hasMatch(),
+                 qPrintable(out));
+        QCOMPARE(wavRateChannels(path("demo-fx/demo-fx.wav")), qMakePair(48000, 2));
     }
 };
 

@@ -9,6 +9,7 @@
 #include <QPair>
 #include <QSharedDataPointer>
 #include <QString>
+#include <QThread>
 #include <QVector>
 
 #include <cstddef>
@@ -29,6 +30,8 @@ class QTSOVACORE_EXPORT QSovaAudioSignal
 public:
     class Slice;
     class SliceIterator;
+    class Decoder;
+    class Pipe;
     // (first sample, length in samples).
     using Interval = QPair<qint64, qint64>;
     using IntervalList = QList<Interval>;
@@ -238,6 +241,90 @@ public:
 
 private:
     QSharedDataPointer<Data> d;
+};
+
+// Turns an encoded stream into samples for a Pipe. Built from a codec configuration ("AAC",
+// "MP3", "FLAC") and the first bytes of the stream, which the engine probes for the rate,
+// channels and framing. Owns the engine decoder; not copyable.
+class QTSOVACORE_EXPORT QSovaAudioSignal::Decoder
+{
+public:
+    // Invalid when the engine does not know the configuration or cannot read the header. The
+    // format is taken from the engine record either way; format() hides it while invalid.
+    Decoder(const QString& config, const QByteArray& header);
+    virtual ~Decoder();
+
+    // "AAC" for exactly "audio/aac", a null string for any other media type.
+    static QString configFromMimeType(const QString& mimeType);
+
+    bool isValid() const;
+    // The engine decoder, lent.
+    _AUDIODECODER* internalPointer() const;
+    // Samples per channel in one encoded frame; bytes of one encoded frame. 0 when invalid.
+    int minSamplesPerFrame() const;
+    int maxSamplesPerFrame() const;
+    int minStreamLength() const;
+    int maxStreamLength() const;
+    // The stream's rate and channels (resolution unspecified); a default format when invalid.
+    QSovaAudioFormat format() const;
+
+private:
+    Q_DISABLE_COPY(Decoder)
+    struct Private;
+    Private* d;
+};
+
+// Writes into a signal at a running position kept by the engine, from raw samples or,
+// through the owned decoder, from an encoded stream. The signal must stay alive meanwhile
+// (the pipe keeps a reference to it). The write calls are passed to the engine unchecked:
+// after close() they hand it a null pipe, which it ignores.
+class QTSOVACORE_EXPORT QSovaAudioSignal::Pipe
+{
+public:
+    class Disposer;
+
+    // Takes ownership of decoder, which may be null (samples only).
+    Pipe(const QSovaAudioSignal& signal, qint64 position, Decoder* decoder);
+    // An open pipe is closed on a Disposer thread: closing flushes the decoder and may block.
+    virtual ~Pipe();
+
+    bool isValid() const;
+    // Interleaved IEEE float frames of the signal's channel count.
+    void appendSamples(float* samples, qint64 count);
+    void overlapSamples(float* samples, qint64 count);
+    // Encoded bytes, split anywhere.
+    void appendBitStream(const QByteArray& data);
+    void overlapBitStream(const QByteArray& data);
+    // Seconds written so far; the frame the pipe started at; the frame it writes next.
+    double duration() const;
+    qint64 startPosition() const;
+    qint64 position() const;
+    // Closes the engine pipe on this thread (the signal is then complete) and deletes the
+    // decoder. A second call does nothing.
+    void close();
+
+private:
+    Q_DISABLE_COPY(Pipe)
+    struct Private;
+    Private* d;
+};
+
+// Closes an abandoned engine pipe off the owner's thread, then deletes the pipe's decoder and
+// drops its reference to the signal. Deletes itself through the event loop of the thread that
+// created it once finished() is delivered there.
+class QTSOVACORE_EXPORT QSovaAudioSignal::Pipe::Disposer : public QThread
+{
+public:
+    Disposer(_AUDIOPIPE* pipe, Decoder* decoder, const QSovaAudioSignal& signal);
+    ~Disposer() override;
+
+protected:
+    void run() override;
+
+private:
+    _AUDIOPIPE* m_pipe;
+    Decoder* m_decoder;
+    QSovaAudioSignal m_signal;
 };
 
 Q_DECLARE_SHARED(QSovaAudioSignal)

@@ -4,14 +4,17 @@
 #include "audiopaths.h"
 #include "command.h"
 #include "plot.h"
+#include "streamtools.h"
 
 #include <QDir>
 #include <QFileInfo>
 #include <QSova>
+#include <QSovaAudioEffect>
 #include <QSovaAudioFile>
 #include <QSovaAudioFormat>
 #include <QSovaAudioSignal>
 #include <QSovaUtils>
+#include <QSovaVad>
 #include <QTemporaryDir>
 #include <QVector>
 
@@ -233,6 +236,56 @@ bool writeSpectrum(const QString& dir, const QVector<float>& samples)
     return true;
 }
 
+// The test signal through an effect chain, written as demo-fx.wav, and the share of it that
+// the voice activity detector calls speech. One line each.
+bool writeEffect(const QString& dir, const QVector<float>& samples)
+{
+    const QString chain = QStringLiteral("gain[db=-6];lowpass[fc=4000]");
+    QSovaAudioEffect effect(chain, QSovaAudioFormat(kRate, kChannels, 16));
+    const QString path = QDir(dir).filePath(QStringLiteral("demo-fx.wav"));
+    QVector<float> processed;
+    bool ok = effect.isValid();
+    if (ok) {
+        const int outChannels = effect.outputFormat().numChannels();
+        EffectRunner runner(effect, kChannels, outChannels);
+        const EffectRunner::Sink keep = [&](const float* frames, qint64 count) {
+            processed.append(QVector<float>(frames, frames + count * outChannels));
+            return true;
+        };
+        ok = runner.push(samples.constData(), samples.size() / kChannels, keep)
+            && runner.flush(keep);
+        QSovaAudioFile file(path, QStringLiteral("wav"), QSovaAudioFormat(kRate, outChannels, 16));
+        ok = ok && file.open(QIODevice::WriteOnly);
+        if (ok) {
+            file.writeSamples(processed);
+            file.close();
+            ok = QFileInfo::exists(path);
+        }
+    }
+    if (!ok) {
+        out() << "Effect chain " << chain << " not applied: " << QSova::lastErrorString()
+              << Qt::endl;
+        return false;
+    }
+    out() << "Effect chain " << chain << " applied, written as demo-fx.wav" << Qt::endl;
+
+    const int outChannels = effect.outputFormat().numChannels();
+    QSova::Vad vad(QString(), QSovaAudioFormat(kRate, 1, 16));
+    if (vad.frameNumSamples() <= 0) {
+        out() << "Voice activity not measured: " << QSova::lastErrorString() << Qt::endl;
+        return false;
+    }
+    SpeechTracker tracker(vad, kRate);
+    const qint64 frames = processed.size() / outChannels;
+    const QVector<float> mono = monoMix(processed.constData(), frames, outChannels);
+    tracker.feed(mono.constData(), frames);
+    tracker.finish();
+    out() << "Voice activity on demo-fx.wav: "
+          << QString::number(tracker.speechFraction() * 100.0, 'f', 1) << "% speech in "
+          << tracker.segments().size() << " segments" << Qt::endl;
+    return true;
+}
+
 int runDemo(const QStringList& arguments)
 {
     QCommandLineParser parser;
@@ -305,6 +358,8 @@ int runDemo(const QStringList& arguments)
               << Qt::endl;
     }
     if (!writeSpectrum(dir, signal))
+        ++failures;
+    if (!writeEffect(dir, signal))
         ++failures;
 
     out() << Qt::endl << written << " formats written and read back";

@@ -66,7 +66,7 @@ const QList<const Command*>& commands()
 {
     static const QList<const Command*> all = {
         &infoCommand,     &convertCommand, &splitCommand, &joinCommand,
-        &statsCommand,    &spectrumCommand,
+        &statsCommand,    &spectrumCommand, &vadCommand, &fxCommand, &decodeCommand,
         &demoCommand,     &versionCommand, &optionsCommand, &settingsCommand,
         &iniCommand,      &windowsCommand, &selftestCommand};
     return all;

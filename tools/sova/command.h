@@ -55,3 +55,6 @@ extern const Command joinCommand;
 extern const Command demoCommand;
 extern const Command statsCommand;
 extern const Command spectrumCommand;
+extern const Command vadCommand;
+extern const Command fxCommand;
+extern const Command decodeCommand;
