@@ -249,6 +249,38 @@ private slots:
                 QString::number(back.size())));
     }
 
+    // A writer that gives up half-way leaves the target as it was and no stray file beside it.
+    void abandon_data()
+    {
+        QTest::addColumn<bool>("existed");
+        QTest::newRow("new target") << false;
+        QTest::newRow("existing target") << true;
+    }
+
+    void abandon()
+    {
+        QFETCH(bool, existed);
+        QTemporaryDir folder;
+        const QString path = folder.filePath(QStringLiteral("out.wav"));
+        if (existed) {
+            QFile old(path);
+            QVERIFY(old.open(QIODevice::WriteOnly));
+            old.write("previous contents");
+        }
+        QSovaAudioFile writer(path, QString(), QSovaAudioFormat(8000, 1, 16));
+        QVERIFY2(writer.open(QIODevice::WriteOnly), BLERROR_LastMessage());
+        writer.writeSamples(QVector<float>(800, 0.25f));
+        writer.abandon();
+        QVERIFY(!writer.isOpen());
+        QCOMPARE(QDir(folder.path()).entryList(QDir::Files | QDir::Hidden),
+                 existed ? QStringList{QStringLiteral("out.wav")} : QStringList());
+        if (existed) {
+            QFile old(path);
+            QVERIFY(old.open(QIODevice::ReadOnly));
+            QCOMPARE(old.readAll(), QByteArray("previous contents"));
+        }
+    }
+
     void throughFoundationFile()
     {
         const QString path = dir.filePath(QStringLiteral("hosted.wav"));

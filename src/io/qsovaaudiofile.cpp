@@ -88,6 +88,16 @@ void QSovaAudioFile::close()
     QIODevice::close();
 }
 
+void QSovaAudioFile::abandon()
+{
+    if (!d->isOpen)
+        return;
+    AUDIO_AbandonFile(d->handle);
+    d->handle = nullptr;
+    d->isOpen = false;
+    QIODevice::close();
+}
+
 bool QSovaAudioFile::isSequential() const
 {
     return true;

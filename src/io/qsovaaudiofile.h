@@ -47,6 +47,10 @@ public:
     bool open(OpenMode mode) override;
     // Closes the engine file; a written file is finished then. The format stays readable.
     void close() override;
+    // Closes a device opened for writing without finishing the file, for a writer that has
+    // failed half-way: nothing is moved into place and a file that was already at the target
+    // stays as it was. For a device opened for reading the same as close().
+    void abandon();
     // Always true: the stream cannot be sought.
     bool isSequential() const override;
     // Bytes of the whole file in the sample kind (frames times frameSize()); -1 when closed or

@@ -55,7 +55,6 @@ int runFx(const QStringList& arguments)
     const QSovaAudioFormat produced = effect.outputFormat();
     const QSovaAudioFormat format(
         produced.sampleRate(), produced.numChannels(), source.format().resolution());
-    const bool existed = QFileInfo::exists(target);
     QSovaAudioFile sink(target, parser.value(formatOption), format);
     if (!sink.open(QIODevice::WriteOnly))
         return fail("fx", engineFailure(QStringLiteral("write"), target));
@@ -99,14 +98,12 @@ int runFx(const QStringList& arguments)
     ok = ok && runner.flush(write);
     if (!quiet)
         showProgress(label, ok ? 1.0 : 0.0, true);
-    sink.close();
     if (!ok) {
-        // The engine renames a finished file into place on close; a run that failed half-way
-        // must not leave one behind.
-        if (!existed)
-            QFile::remove(target);
+        // A run that failed half-way leaves OUT as it was.
+        sink.abandon();
         return fail("fx", error.isEmpty() ? runner.error() : error);
     }
+    sink.close();
     if (!QFileInfo::exists(target))
         return fail("fx", engineFailure(QStringLiteral("write"), target));
     const auto channelText = [](int n) {

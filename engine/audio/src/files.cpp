@@ -1036,6 +1036,23 @@ int32_t AUDIO_CloseFile(AUDIOFILE* file)
     return ok ? 1 : 0;
 }
 
+int32_t AUDIO_AbandonFile(AUDIOFILE* file)
+{
+    if (file && file->writer) {
+        // Closing a failed write removes what it wrote; the caller's error slot is kept.
+        SavedError caller;
+        caller.save();
+        file->failed = true;
+        file->failure = caller;
+        AUDIO_CloseFile(file);
+        BLERROR_Clear();
+        caller.restore();
+        return 1;
+    }
+    AUDIO_CloseFile(file);
+    return 1;
+}
+
 double AUDIO_GetAudioFileDurationEx(const char* path, const char* format)
 {
     AUDIOFILE* file = AUDIO_LoadFileEx2(path, format, 0, 0, 0);

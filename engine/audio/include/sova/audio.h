@@ -325,6 +325,12 @@ SOVAAUDIO_EXPORT int64_t AUDIO_BitRate(AUDIOFILE* file);
  * finishing failed (the target is then removed). Null is accepted. */
 SOVAAUDIO_EXPORT int32_t AUDIO_CloseFile(AUDIOFILE* file);
 
+/* Closes a file opened for writing without finishing it: nothing is moved into place, and a
+ * file that was at the target before stays as it was (for plain paths; other schemes are
+ * written in place and the target is removed). For a file opened for reading the same as
+ * AUDIO_CloseFile. Always 1; null is accepted. */
+SOVAAUDIO_EXPORT int32_t AUDIO_AbandonFile(AUDIOFILE* file);
+
 /* Duration in seconds of a file; -1.0 when it cannot be read. */
 SOVAAUDIO_EXPORT double AUDIO_GetAudioFileDurationEx(const char* path, const char* format);
 
