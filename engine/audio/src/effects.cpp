@@ -24,6 +24,8 @@
 // takes input in slices so that this held output stays small. Gain, mix and the filters work
 // sample by sample with no delay; the resamplers hold a delay line whose tail comes out when
 // the caller flushes. After a completed flush the path starts afresh with the next input.
+#include "biquad.h"
+
 #include <sova/audio.h>
 #include <sova/blerror.h>
 #include <sova/blstring.h>
@@ -41,7 +43,10 @@
 
 namespace {
 
-constexpr double kPi = 3.14159265358979323846;
+using sova::audio::Biquad;
+using sova::audio::butterworth;
+using sova::audio::kPi;
+
 // Input frames taken per slice: bounds the output held between calls.
 constexpr int64_t kSliceFrames = 8192;
 // Same limit as the stream converter: wider ratios make soxr build huge filters.
@@ -129,46 +134,7 @@ public:
     }
 };
 
-// Second-order section, transposed direct form II.
-struct Biquad
-{
-    double b0 = 1, b1 = 0, b2 = 0, a1 = 0, a2 = 0;
-    double z1 = 0, z2 = 0;
 
-    double run(double x)
-    {
-        const double y = b0 * x + z1;
-        z1 = b1 * x - a1 * y + z2;
-        z2 = b2 * x - a2 * y;
-        return y;
-    }
-};
-
-// Butterworth sections of an even order (cookbook biquads with pre-warped corner).
-std::vector<Biquad> butterworth(bool highPass, double fc, int order, double rate)
-{
-    std::vector<Biquad> out;
-    const double w0 = 2.0 * kPi * fc / rate;
-    const double c = std::cos(w0);
-    for (int k = 1; k <= order / 2; ++k) {
-        const double q = 1.0 / (2.0 * std::cos((2 * k - 1) * kPi / (2.0 * order)));
-        const double alpha = std::sin(w0) / (2.0 * q);
-        const double a0 = 1.0 + alpha;
-        Biquad s;
-        if (highPass) {
-            s.b0 = (1.0 + c) / 2.0 / a0;
-            s.b1 = -(1.0 + c) / a0;
-        } else {
-            s.b0 = (1.0 - c) / 2.0 / a0;
-            s.b1 = (1.0 - c) / a0;
-        }
-        s.b2 = s.b0;
-        s.a1 = -2.0 * c / a0;
-        s.a2 = (1.0 - alpha) / a0;
-        out.push_back(s);
-    }
-    return out;
-}
 
 // First-order high-pass (bilinear, pre-warped corner) as a degenerate biquad.
 Biquad firstOrderHighPass(double fc, double rate)

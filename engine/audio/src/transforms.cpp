@@ -1,6 +1,8 @@
 // Levels of signals: plain RMS over a range, and RMS after a named filter (frequency weightings,
 // Butterworth high- and low-pass, DC removal). The signal is read chunk by chunk through the
 // public reads, so memory stays bounded whatever its length; sums are kept in doubles.
+#include "biquad.h"
+
 #include <sova/audio.h>
 #include <sova/blerror.h>
 #include <sova/blstring.h>
@@ -15,28 +17,11 @@
 
 namespace {
 
+using sova::audio::Biquad;
+using sova::audio::butterworth;
+using sova::audio::kPi;
+
 constexpr int64_t kChunkFrames = 16384;
-constexpr double kPi = 3.14159265358979323846;
-
-// Second-order section, transposed direct form II.
-struct Biquad
-{
-    double b0 = 1, b1 = 0, b2 = 0, a1 = 0, a2 = 0;
-    double z1 = 0, z2 = 0;
-
-    double run(double x)
-    {
-        const double y = b0 * x + z1;
-        z1 = b1 * x - a1 * y + z2;
-        z2 = b2 * x - a2 * y;
-        return y;
-    }
-    std::complex<double> response(double hz, double rate) const
-    {
-        const std::complex<double> zi = std::polar(1.0, -2.0 * kPi * hz / rate); // z^-1
-        return (b0 + zi * (b1 + zi * b2)) / (1.0 + zi * (a1 + zi * a2));
-    }
-};
 
 // A filter of one channel: sections in series, then a gain.
 struct Chain
@@ -83,31 +68,6 @@ Biquad bilinearSection(int zerosAtDc, double fa, double fb, double rate)
     return s;
 }
 
-// Butterworth sections of an even order (cookbook biquads with pre-warped corner).
-std::vector<Biquad> butterworth(bool highPass, double fc, int order, double rate)
-{
-    std::vector<Biquad> out;
-    const double w0 = 2.0 * kPi * fc / rate;
-    const double c = std::cos(w0);
-    for (int k = 1; k <= order / 2; ++k) {
-        const double q = 1.0 / (2.0 * std::cos((2 * k - 1) * kPi / (2.0 * order)));
-        const double alpha = std::sin(w0) / (2.0 * q);
-        const double a0 = 1.0 + alpha;
-        Biquad s;
-        if (highPass) {
-            s.b0 = (1.0 + c) / 2.0 / a0;
-            s.b1 = -(1.0 + c) / a0;
-        } else {
-            s.b0 = (1.0 - c) / 2.0 / a0;
-            s.b1 = (1.0 - c) / a0;
-        }
-        s.b2 = s.b0;
-        s.a1 = -2.0 * c / a0;
-        s.a2 = (1.0 - alpha) / a0;
-        out.push_back(s);
-    }
-    return out;
-}
 
 // IEC 61672 pole frequencies of the A and C weightings.
 constexpr double kF1 = 20.598997, kF2 = 107.65265, kF3 = 737.86223, kF4 = 12194.217;
