@@ -3,10 +3,17 @@
 # npm) on a labelled corpus of espeak-ng speech in white, pink and tonal noise at 20, 10, 5 and
 # 0 dB SNR, and the false-alarm rate of both on the noise alone, in one run. The aim: ours
 # more accurate at every SNR. Also prints how many times faster than real time each ran.
-# Usage: benchmarks/vad_vs_webrtc.sh [BUILD_DIR] [PARAMETERS]
+# The corpus is set B by default, kept for reporting; set A is the one to tune on.
+# Usage: benchmarks/vad_vs_webrtc.sh [--set A|B] [BUILD_DIR] [PARAMETERS]
 set -euo pipefail
 here="$(cd "$(dirname "$0")" && pwd)"
 source "$here/lib.sh"
+set_name=B
+if [ "${1:-}" = "--set" ]; then
+    set_name="${2:?--set needs A or B}"
+    shift 2
+fi
+case "$set_name" in A|B) ;; *) echo "unknown corpus set '$set_name' (A or B)" >&2; exit 2 ;; esac
 build="$(cd "${1:-build}" && pwd)"
 params="${2:-}"
 frames="$build/benchmarks/vad_frames"
@@ -14,13 +21,14 @@ frames="$build/benchmarks/vad_frames"
 command -v espeak-ng >/dev/null || { echo "espeak-ng is not installed" >&2; exit 1; }
 work="$build/vad-bench"
 mkdir -p "$work"
-"$python" "$here/../scripts/vad-corpus.py" "$work/corpus" >/dev/null
+corpus="$work/corpus-$set_name"
+"$python" "$here/../scripts/vad-corpus.py" --set "$set_name" "$corpus" >/dev/null
 
 files=()
 for kind in white pink music; do
-    for snr in 20 10 5 0; do files+=("$work/corpus/${kind}_${snr}.wav"); done
+    for snr in 20 10 5 0; do files+=("$corpus/${kind}_${snr}.wav"); done
 done
-files+=("$work/corpus/noise_white.wav" "$work/corpus/noise_pink.wav" "$work/corpus/noise_music.wav")
+files+=("$corpus/noise_white.wav" "$corpus/noise_pink.wav" "$corpus/noise_music.wav")
 
 # Ours: one line of decisions per file (-1, still settling, counts as silence).
 start=$(date +%s.%N)
@@ -44,10 +52,11 @@ for mode in 0 1 2 3; do
     fi
 done
 
-"$python" - "$work" "$start" "$end" "${files[@]}" <<'PY'
+echo "Corpus set $set_name"
+"$python" - "$work" "$corpus" "$start" "$end" "${files[@]}" <<'PY'
 import os, sys, wave
-work, start, end, files = sys.argv[1], float(sys.argv[2]), float(sys.argv[3]), sys.argv[4:]
-labels = open(os.path.join(work, "corpus/labels.txt")).read().strip()
+work, corpus, start, end, files = sys.argv[1], sys.argv[2], float(sys.argv[3]), float(sys.argv[4]), sys.argv[5:]
+labels = open(os.path.join(corpus, "labels.txt")).read().strip()
 ours = open(os.path.join(work, "ours.txt")).read().split()
 webrtc = [open(os.path.join(work, f"webrtc{m}.txt")).read().split() for m in range(4)]
 

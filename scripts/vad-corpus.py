@@ -12,7 +12,11 @@ Noise: white, pink (1/f) and "music" (piano-like tones of two or three notes, ch
 the labelled speech frames against the noise's mean power). Noise alone, 10 s of each kind,
 measures false alarms.
 
-Usage: vad-corpus.py OUTDIR   (writes OUTDIR/<noise>_<snr>.wav, noise_<kind>.wav,
+Two disjoint sets share the method but nothing else: A (the default, for tuning) and B (for
+reporting), with their own sentences, voices, speeds, pitches, pauses, note ranges, tempi and
+random seeds.
+
+Usage: vad-corpus.py [--set A|B] OUTDIR   (writes OUTDIR/<noise>_<snr>.wav, noise_<kind>.wav,
 labels.txt with one 0/1 character per frame, and clean.wav)
 """
 import os
@@ -25,15 +29,24 @@ import numpy as np
 
 RATE = 16000
 HOP = 320
-SENTENCES = [
+SETS = {}
+SETS["A"] = dict(seed=1, pitches=[50, 50, 50], low=110.0, notes=(0.3, 0.8), decay=3.0, sentences=[
     "The quick brown fox jumps over the lazy dog near the river bank.",
     "Please call Stella and ask her to bring these things with her from the store.",
     "Six spoons of fresh snow peas, five thick slabs of blue cheese.",
     "We also need a small plastic snake and a big toy frog for the kids.",
     "She can scoop these things into three red bags, and we will go meet her.",
     "On Wednesday at four o'clock the committee will vote on the new budget.",
-]
-VOICES = [("en-us", 160), ("en-gb+f3", 190), ("en-us+m3", 140)]
+], voices=[("en-us", 160), ("en-gb+f3", 190), ("en-us+m3", 140)])
+SETS["B"] = dict(seed=7, pitches=[35, 70, 55, 45], low=82.4, notes=(0.2, 1.1), decay=1.5, sentences=[
+    "A large yellow kettle whistled loudly while the children were painting outside.",
+    "My grandmother kept every letter in a wooden box beneath her bed.",
+    "Turn left at the bakery, then walk two blocks until you reach the harbour.",
+    "Heavy rain delayed the morning train by almost forty minutes today.",
+    "Could you remind Oliver that the meeting moved to Thursday afternoon?",
+    "Bright orange lanterns floated slowly across the quiet lake at midnight.",
+    "I think the museum opens at nine, but the gardens close much earlier.",
+], voices=[("en-gb", 175), ("en-us+f2", 150), ("en-gb+m1", 200), ("en-us+f4", 130)])
 SNRS = [20, 10, 5, 0]
 KINDS = ["white", "pink", "music"]
 
@@ -63,13 +76,15 @@ def resample(data, rate):
     return resample_poly(data, RATE // g, rate // g)
 
 
-def speech(rng, tmp):
+def speech(rng, tmp, cfg):
     parts = [np.zeros(RATE)]
-    for i, text in enumerate(SENTENCES):
-        voice, speed = VOICES[i % len(VOICES)]
+    voices, pitches = cfg["voices"], cfg["pitches"]
+    for i, text in enumerate(cfg["sentences"]):
+        voice, speed = voices[i % len(voices)]
+        pitch = pitches[i % len(pitches)]
         path = os.path.join(tmp, f"s{i}.wav")
-        subprocess.run(["espeak-ng", "-v", voice, "-s", str(speed), "-w", path, text],
-                       check=True)
+        subprocess.run(["espeak-ng", "-v", voice, "-s", str(speed), "-p", str(pitch), "-w",
+                        path, text], check=True)
         rate, data = read_wav(path)
         data = resample(data, rate)
         parts.append(0.3 * data / np.max(np.abs(data)))
@@ -91,7 +106,7 @@ def labels_of(clean):
     return label
 
 
-def noise(kind, n, rng):
+def noise(kind, n, rng, cfg):
     if kind == "white":
         return rng.standard_normal(n)
     if kind == "pink":
@@ -103,36 +118,41 @@ def noise(kind, n, rng):
     out = np.zeros(n)
     at = 0
     while at < n:
-        length = int(RATE * rng.uniform(0.3, 0.8))
+        length = int(RATE * rng.uniform(*cfg["notes"]))
         t = np.arange(length) / RATE
         for _ in range(rng.integers(2, 4)):
-            f0 = 110.0 * 2 ** (rng.integers(0, 36) / 12)
+            f0 = cfg["low"] * 2 ** (rng.integers(0, 36) / 12)
             tone = sum(np.sin(2 * np.pi * h * f0 * t) / h ** 1.5 for h in range(1, 7)
                        if h * f0 < RATE / 2)
-            out[at : at + length] += (tone * np.exp(-3.0 * t))[: n - at]
+            out[at : at + length] += (tone * np.exp(-cfg["decay"] * t))[: n - at]
         at += length
     return out
 
 
 def main():
-    out = sys.argv[1]
+    import argparse
+    parser = argparse.ArgumentParser(description="Builds a labelled voice activity corpus.")
+    parser.add_argument("--set", choices=sorted(SETS), default="A")
+    parser.add_argument("out")
+    args = parser.parse_args()
+    cfg, out = SETS[args.set], args.out
     os.makedirs(out, exist_ok=True)
-    rng = np.random.default_rng(1)
+    rng = np.random.default_rng(cfg["seed"])
     with tempfile.TemporaryDirectory() as tmp:
-        clean = speech(rng, tmp)
+        clean = speech(rng, tmp, cfg)
     label = labels_of(clean)
     speech_power = np.mean(clean.reshape(-1, HOP)[label] ** 2)
     write_wav(os.path.join(out, "clean.wav"), clean)
     with open(os.path.join(out, "labels.txt"), "w") as f:
         f.write("".join("1" if v else "0" for v in label) + "\n")
     for kind in KINDS:
-        n = noise(kind, len(clean), rng)
+        n = noise(kind, len(clean), rng, cfg)
         n /= np.sqrt(np.mean(n ** 2))
         for snr in SNRS:
             mix = clean + n * np.sqrt(speech_power / 10 ** (snr / 10))
             mix *= min(1.0, 0.9 / np.max(np.abs(mix)))
             write_wav(os.path.join(out, f"{kind}_{snr}.wav"), mix)
-        alone = noise(kind, 10 * RATE, rng)
+        alone = noise(kind, 10 * RATE, rng, cfg)
         alone *= np.sqrt(speech_power / 10 ** (10 / 10)) / np.sqrt(np.mean(alone ** 2))
         write_wav(os.path.join(out, f"noise_{kind}.wav"), alone)
     print(f"{len(label)} frames, {label.mean():.0%} speech, in {out}")

@@ -12,11 +12,12 @@
 
 namespace {
 
-enum Kind { Silence, Vowel, Noise };
+enum Kind { Silence, Vowel, Noise, Notes };
 
 // Seconds of a mono signal (IEEE scale). A vowel: the harmonics of a gliding pitch shaped by
 // formants at 700, 1200 and 2600 Hz, swelling and fading, after 0.5 s of faint noise; noise:
-// steady white noise at -26 dBFS.
+// steady white noise at -26 dBFS; notes: chords of three harmonic tones, decaying, a new one
+// every 0.6 s.
 std::vector<float> make(Kind kind, int rate, double seconds)
 {
     std::vector<float> out(size_t(seconds * rate), 0.0f);
@@ -29,6 +30,20 @@ std::vector<float> make(Kind kind, int rate, double seconds)
     }
     if (kind == Silence)
         return out;
+    if (kind == Notes) {
+        const double roots[] = {220.0, 196.0, 261.6, 174.6, 246.9, 293.7, 164.8};
+        for (size_t i = 0; i < out.size(); ++i) {
+            const double t = double(i) / rate;
+            const int chord = int(t / 0.6);
+            const double since = t - 0.6 * chord, root = roots[chord % 7];
+            double v = 0;
+            for (double ratio : {1.0, 1.26, 1.5})
+                for (int h = 1; h <= 6 && h * root * ratio < rate / 2.0; ++h)
+                    v += std::sin(2 * M_PI * h * root * ratio * since) / std::pow(h, 1.5);
+            out[i] = float(0.03 * v * std::exp(-2.0 * since));
+        }
+        return out;
+    }
     // Formant gains by harmonic number for the pitch of the moment.
     const double formants[][2] = {{700, 80}, {1200, 90}, {2600, 120}};
     auto gain = [&](double f) {
@@ -118,6 +133,7 @@ private slots:
             QTest::newRow("silence " + r) << int(Silence) << rate << 0.0 << 0.0;
             QTest::newRow("vowel " + r) << int(Vowel) << rate << 0.95 << 1.0;
             QTest::newRow("noise " + r) << int(Noise) << rate << 0.0 << 0.05;
+            QTest::newRow("notes " + r) << int(Notes) << rate << 0.0 << 0.7;
         }
     }
     void decisions()
@@ -143,6 +159,12 @@ private slots:
         const double speech
             = double(std::count_if(r.begin() + 50, r.end(), [](int v) { return v > 0; })) / 150;
         QVERIFY2(speech >= minSpeech && speech <= maxSpeech, qPrintable(QString::number(speech)));
+        // The vowel starts at frame 25; a clear onset is taken at once, not after minspeech
+        // (three frames), give or take the resampler's delay, longest at 8 kHz.
+        const auto first = std::find(r.begin(), r.end(), 2) - r.begin();
+        const int latest = rate == 16000 ? 25 : rate == 8000 ? 28 : 26;
+        if (kind == Vowel)
+            QVERIFY2(first >= 25 && first <= latest, qPrintable(QString::number(first)));
     }
 
     void sampleForms_data()

@@ -621,16 +621,19 @@ private:
         file.write(header + data);
     }
 
-    // silence seconds of silence, then voiced seconds of a vowel-like sound (harmonics of
-    // 140 Hz with a tremolo).
+    // silence seconds of silence, then voiced seconds of a vowel-like sound: harmonics of a
+    // pitch gliding around 140 Hz, with a syllable rhythm (a held pitch reads as a musical
+    // note to the detector, as it should).
     static QVector<float> voice(int rate, double silence, double voiced)
     {
         QVector<float> v(int((silence + voiced) * rate), 0.0f);
+        double phase = 0.0;
         for (int i = int(silence * rate); i < v.size(); ++i) {
             const double t = double(i) / rate;
+            phase += 2.0 * M_PI * (140.0 + 30.0 * std::sin(2.0 * M_PI * 1.5 * t)) / rate;
             double sum = 0.0;
             for (int k = 1; k <= 12; ++k)
-                sum += std::sin(2.0 * M_PI * 140.0 * k * t) / k;
+                sum += std::sin(k * phase) / k;
             v[i] = float(0.2 * sum * (0.7 + 0.3 * std::sin(2.0 * M_PI * 4.0 * t)));
         }
         return v;

@@ -4,12 +4,22 @@
 //   - a per-bin noise power from minimum statistics (the minimum of the smoothed power over
 //     about two seconds, corrected for its bias), so stationary noise and steady tones sink
 //     into the floor while speech, which keeps moving, stays above it;
+//   - a held level per bin: the least smoothed power of the last 160 ms. Held and decaying
+//     notes of music stay at it while speech, whose pitch and formants glide, keeps leaving
+//     it; power up to 1.5 times the held level counts as noise too;
 //   - the mean log-likelihood ratio of speech over 200..4000 Hz against that noise (Gaussian
 //     model, a priori SNR from the decision-directed estimate);
 //   - the harmonicity: the peak of the normalised autocorrelation over pitch lags 2.5..12.5 ms
-//     of the 80..1500 Hz band, which noise lowers by its share of the power.
-// A logistic of both gives the score in [0, 1]; a hysteresis, minimum speech length, hangover
-// and minimum silence turn it into decisions.
+//     of the 80..1500 Hz band, which noise lowers by its share of the power. It counts only
+//     in proportion to the share of the power over the noise that is new (over the held
+//     level), so steady tones, however periodic, do not pass for voiced speech;
+//   - the steadiness: how closely the band's magnitude spectrum repeats the one 40 ms before.
+//     Notes repeat theirs (decay only scales it); speech does not for long.
+// A logistic of these gives the score in [0, 1]; a hysteresis, minimum speech length, hangover
+// and minimum silence turn it into decisions. A score well over the on threshold starts
+// speech at once (minspeech only confirms the scores between the two); such a segment that
+// falls back under the off threshold on a steady spectrum before minspeech worth of frames
+// over the on threshold (the attack of a note) ends there, without the hangover.
 #include "backend.h"
 
 #include <sova/audiostream.h>
@@ -42,6 +52,13 @@ constexpr int kSettleFrames = 10; // -1 while the noise estimate settles (200 ms
 constexpr int kSubFrames = 12; // minimum statistics: U sub-windows of V frames
 constexpr int kSubWindows = 8;
 constexpr int kPitchLow = 5; // first bin of the harmonicity band (about 80 Hz)
+constexpr int kHoldFrames = 8; // a partial held this long (160 ms) counts as steady
+constexpr float kHoldMargin = 1.5f; // power over the held level that counts as new
+constexpr int kSteadyLag = 2; // frames between the spectra compared for steadiness
+constexpr float kSteadyFrom = 0.93f; // similarity from which a spectrum starts to count as
+constexpr float kSteadyTo = 0.99f; // steady, and to which it is wholly steady
+constexpr float kSteadyWeight = 20.0f; // logit taken off a wholly steady frame
+constexpr float kNovelty = 0.5f; // share of new power above which harmonicity counts fully
 
 // In-place radix-2 complex FFT of kFft points with precomputed twiddles and bit reversal.
 class Fft
@@ -156,6 +173,9 @@ bool parseParams(const char* text, Params& p)
 // Score thresholds (on, off) by aggressiveness: higher needs more evidence of speech.
 constexpr float kOnThreshold[4] = {0.35f, 0.5f, 0.62f, 0.75f};
 constexpr float kHysteresis = 0.15f;
+// A score this far over the on threshold (capped) starts speech at once, without minspeech.
+constexpr float kSureMargin = 0.3f;
+constexpr float kSureMax = 0.95f;
 
 } // namespace
 
@@ -178,6 +198,10 @@ struct _AUDIOVAD
     std::vector<float> stored = std::vector<float>(size_t(kBins) * kSubWindows, 0.0f);
     std::vector<float> noise = std::vector<float>(kBins, 0.0f);
     std::vector<float> cleanPrev = std::vector<float>(kBins, 0.0f); // last |S|^2 estimate
+    // The last kHoldFrames smoothed spectra of the speech band, by frame then bin.
+    std::vector<float> recent = std::vector<float>(size_t(kHoldFrames) * kBins, 0.0f);
+    std::vector<float> magnitudes = std::vector<float>(size_t(kSteadyLag + 1) * kBins, 0.0f);
+    std::vector<float> steadyNoise = std::vector<float>(kBins, 0.0f);
     std::vector<float> windowAc = std::vector<float>(kFft / 2); // window autocorrelation
     std::vector<float> cosines; // cos(2 pi k lag / kFft), by lag then low-band bin
     int bandLow = 0, bandHigh = 0, pitchHigh = 0, lagLow = 0, lagHigh = 0;
@@ -185,9 +209,10 @@ struct _AUDIOVAD
     int64_t frames = 0; // analysed 16 kHz frames
     int subCount = 0, subIndex = 0, subFilled = 0;
     bool inSpeech = false;
-    int speechRun = 0; // consecutive frames over the on threshold
+    int speechRun = 0; // frames over the on threshold: consecutive, then in the segment
     int silenceRun = 0; // consecutive frames under the off threshold while in speech
     float lastScore = 0.0f;
+    float steadiness = 0.0f; // of the last frame, 0..1
     int lastResult = -1;
 
     bool init(int32_t sampleRate)
@@ -255,12 +280,48 @@ struct _AUDIOVAD
 
         updateNoise();
 
-        // Mean log-likelihood ratio over the speech band.
+        // The held level: per bin, the least smoothed power of the last kHoldFrames frames.
+        // A sustained or decaying note stays at (or under) it; speech keeps leaving it.
+        for (int f = frames == 1 ? 0 : kHoldFrames - 1; f < kHoldFrames; ++f) {
+            // (The first frame fills every slot.)
+            float* slot = recent.data() + size_t((frames + f) % kHoldFrames) * kBins;
+            std::copy(smoothed.begin() + bandLow, smoothed.begin() + bandHigh + 1, slot + bandLow);
+        }
+        double fresh = 0.0, above = 0.0;
+        for (int k = bandLow; k <= bandHigh; ++k) {
+            float level = power[k];
+            for (int f = 0; f < kHoldFrames; ++f)
+                level = std::min(level, recent[size_t(f) * kBins + k]);
+            const float base = std::max(noise[k], kHoldMargin * level);
+            above += std::max(power[k] - noise[k], 0.0f);
+            fresh += std::max(power[k] - base, 0.0f);
+            steadyNoise[k] = base;
+        }
+        const float novelty = above > 0.0 ? float(fresh / above) : 0.0f;
+
+        // Steadiness: the cosine similarity of the band's magnitude spectrum with that of
+        // kSteadyLag frames before. A held note repeats its partials to within a fraction of
+        // a percent even while it decays; speech moves its pitch and formants between.
+        float* mag = magnitudes.data() + size_t(frames % (kSteadyLag + 1)) * kBins;
+        const float* before = magnitudes.data() + size_t((frames + 1) % (kSteadyLag + 1)) * kBins;
+        double dot = 0.0, norm = 0.0, normBefore = 0.0;
+        for (int k = bandLow; k <= bandHigh; ++k) {
+            mag[k] = std::sqrt(power[k]);
+            dot += double(mag[k]) * before[k];
+            norm += double(mag[k]) * mag[k];
+            normBefore += double(before[k]) * before[k];
+        }
+        const float similarity
+            = normBefore > 0.0 ? float(dot / std::sqrt(norm * normBefore)) : 0.0f;
+        steadiness
+            = std::clamp((similarity - kSteadyFrom) / (kSteadyTo - kSteadyFrom), 0.0f, 1.0f);
+
+        // Mean log-likelihood ratio over the speech band, against noise and held partials.
         constexpr float kDd = 0.9f;
         double llr = 0.0;
         for (int k = bandLow; k <= bandHigh; ++k) {
-            const float gamma = std::min(power[k] / noise[k], 1e4f);
-            const float xi = std::max(kDd * cleanPrev[k] / noise[k]
+            const float gamma = std::min(power[k] / steadyNoise[k], 1e4f);
+            const float xi = std::max(kDd * cleanPrev[k] / steadyNoise[k]
                                           + (1.0f - kDd) * std::max(gamma - 1.0f, 0.0f),
                                       1e-3f);
             const float gain = xi / (1.0f + xi);
@@ -289,7 +350,8 @@ struct _AUDIOVAD
         harmonicity = std::clamp(harmonicity, 0.0f, 1.0f);
 
         const float z = 1.5f * std::log(std::max(float(llr), 1e-3f) / 0.5f)
-                        + 8.0f * (harmonicity - 0.55f);
+                        + 8.0f * (harmonicity * std::min(1.0f, novelty / kNovelty) - 0.55f)
+                        - kSteadyWeight * steadiness;
         return 1.0f / (1.0f + std::exp(-z));
     }
 
@@ -348,13 +410,14 @@ struct _AUDIOVAD
     {
         const float on = kOnThreshold[params.aggressiveness];
         const float off = on - kHysteresis;
+        const float sure = std::min(on + kSureMargin, kSureMax);
         const int minSpeech = std::max(1, (params.minSpeechMs + 19) / 20);
         const int hold = std::max(1, (std::max(params.hangoverMs, params.minSilenceMs) + 19) / 20);
         if (frames <= kSettleFrames)
             return -1;
         if (!inSpeech) {
             speechRun = score >= on ? speechRun + 1 : 0;
-            if (speechRun >= minSpeech) {
+            if (speechRun >= minSpeech || score >= sure) {
                 inSpeech = true;
                 silenceRun = 0;
                 return 2;
@@ -362,7 +425,11 @@ struct _AUDIOVAD
             return 0;
         }
         silenceRun = score < off ? silenceRun + 1 : 0;
-        if (silenceRun >= hold) {
+        // speechRun now counts the segment's frames over the on threshold. A segment started
+        // at once that drops on a steady spectrum before it is confirmed was a note's attack.
+        speechRun += score >= on;
+        const bool unconfirmed = silenceRun > 0 && speechRun < minSpeech && steadiness >= 0.5f;
+        if (silenceRun >= hold || unconfirmed) {
             inSpeech = false;
             speechRun = 0;
             return 0;

@@ -119,8 +119,11 @@ SOVAAUDIO_EXPORT void AUDIOFX_DestroyPath(_AUDIOFXPATH* path);
  * The detector takes mono frames of AUDIO_VAD_FrameDuration() seconds at the rate it was made
  * for (8 kHz to 192 kHz; resampled internally). Parameters (option string, all optional):
  *   aggressiveness=0..3 (default 1: higher calls less noise speech), hangover=MS (default 200:
- *   speech is held this long after the score drops), minspeech=MS (default 60), minsilence=MS
- *   (default 200).
+ *   speech is held this long after the score drops), minspeech=MS (default 60: a score only
+ *   moderately over the threshold must last this long before speech is declared, while a
+ *   clearly speech-like frame starts it at once; a segment so started that drops before this
+ *   much of it scored as speech, on a steady spectrum such as a note's, ends without the
+ *   hangover), minsilence=MS (default 200).
  * Results of the process calls: -1 not enough history yet (the first frames), 0 silence,
  * 1 speech, 2 speech onset (the first frame of a segment of speech). *value receives the
  * frame's speech score in [0, 1]; *position is the index of the first sample of the next frame
