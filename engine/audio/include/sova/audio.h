@@ -347,6 +347,7 @@ SOVAAUDIO_EXPORT int32_t AUDIO_ConvertEx(const AUDIO_Progress* progress, const c
 
 #include <sova/audiosignal.h>
 #include <sova/audiostream.h>
+#include <sova/audioformats.h>
 
 
 #endif
