@@ -14,13 +14,17 @@ enum Form { Int16, Float16Scale, IEEE };
 // Frames of silence, then a voiced vowel-like sound (harmonics of 140 Hz with a slow tremolo).
 QVector<float> speechLike(int rate, double silence, double voiced)
 {
+    // Harmonics of a pitch gliding around 140 Hz with a syllable rhythm: a held pitch would
+    // read as a musical note, which the detector rightly does not call speech.
     const int quiet = int(silence * rate), loud = int(voiced * rate);
     QVector<float> v(quiet + loud, 0.0f);
+    double phase = 0.0;
     for (int i = 0; i < loud; ++i) {
         const double t = double(i) / rate;
+        phase += 2.0 * M_PI * (140.0 + 30.0 * std::sin(2.0 * M_PI * 1.5 * t)) / rate;
         double s = 0.0;
         for (int h = 1; h <= 12; ++h)
-            s += std::sin(2.0 * M_PI * 140.0 * h * t) / h;
+            s += std::sin(h * phase) / h;
         v[quiet + i] = float(0.2 * s * (0.7 + 0.3 * std::sin(2.0 * M_PI * 4.0 * t)));
     }
     return v;
