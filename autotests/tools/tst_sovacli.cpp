@@ -206,7 +206,7 @@ private slots:
         const Result r = run({QStringLiteral("help")});
         for (const char* name : {"help", "version", "options", "settings", "ini", "windows",
                                  "selftest", "info", "convert", "split", "join", "demo",
-                                 "stats", "spectrum", "vad", "fx", "decode"})
+                                 "stats", "spectrum", "vad", "fx", "decode", "formats"})
             QVERIFY2(r.out.contains(QRegularExpression(QStringLiteral("^  %1 ").arg(
                          QLatin1String(name)), QRegularExpression::MultilineOption)),
                      qPrintable(r.out));
@@ -793,6 +793,123 @@ private slots:
                             .match(out).hasMatch(),
                  qPrintable(out));
         QCOMPARE(wavRateChannels(path("demo-fx/demo-fx.wav")), qMakePair(48000, 2));
+    }
+
+    // The catalogue listing: filters with their tags, narrowed by direction and format.
+    void formats_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QString>("present");
+        QTest::addColumn<QString>("absent"); // a multi-line pattern that must not match
+        QTest::newRow("everything") << QStringList{"formats"} << 0
+                                    << "WAV  Microsoft RIFF WAVE  (wav wave)\n  rw  wav " << "";
+        QTest::newRow("rates channels bits") << QStringList{"formats", "--read"} << 0
+                                             << "channels 1,2,3,4,5,6,7,8  bits 8,16,24,32"
+                                             << "^  .w  ";
+        QTest::newRow("6 channels exclude mp3")
+            << QStringList{"formats", "--write", "--format", "sr=48000,nc=6,nbits=24"} << 0
+            << "  -w  flac " << "^  -w  (mp3|[a-z]+\\[codec=mp3\\])\\s|^  r";
+        QTest::newRow("stereo includes mp3")
+            << QStringList{"formats", "--write", "--format", "sr=44100,nc=2,nbits=16"} << 0
+            << "  -w  mp3 " << "";
+        QTest::newRow("nothing takes 7 Hz")
+            << QStringList{"formats", "--write", "--format", "sr=7,nc=2"} << 1 << "" << "\\S";
+        QTest::newRow("both directions") << QStringList{"formats", "--read", "--write"} << 2
+                                         << "" << "\\S";
+        QTest::newRow("format without channels")
+            << QStringList{"formats", "--format", "sr=44100"} << 2 << "" << "\\S";
+    }
+
+    void formats()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(int, status);
+        QFETCH(QString, present);
+        QFETCH(QString, absent);
+        const Result r = run(arguments);
+        QCOMPARE(r.status, status);
+        QVERIFY2(r.out.contains(present), qPrintable(r.out + r.err));
+        if (!absent.isEmpty()) {
+            const QRegularExpression forbidden(absent, QRegularExpression::MultilineOption);
+            const QRegularExpressionMatch match = forbidden.match(r.out);
+            QVERIFY2(!match.hasMatch(), qPrintable(match.captured()));
+        }
+        QCOMPARE(r.err.isEmpty(), status == 0);
+    }
+
+    // --dialog prints one file-dialog line per file type; saving offers no more than opening.
+    void formatsDialog()
+    {
+        const Result open = run({QStringLiteral("formats"), QStringLiteral("--dialog")});
+        const Result save = run(
+            {QStringLiteral("formats"), QStringLiteral("--dialog"), QStringLiteral("--write")});
+        QCOMPARE(open.status, 0);
+        QCOMPARE(save.status, 0);
+        const QStringList openLines = open.out.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        QStringList saveLines = save.out.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        QCOMPARE(openLines.first(), QStringLiteral("Microsoft RIFF WAVE (*.wav *.wave)"));
+        QVERIFY(saveLines.contains(QStringLiteral("Microsoft RIFF WAVE (*.wav *.wave)")));
+        const QRegularExpression line(QStringLiteral("^[^()]+.* \\((\\*\\.[^ ()]+ ?)+\\)$"));
+        for (const QString& text : openLines)
+            QVERIFY2(line.match(text).hasMatch(), qPrintable(text));
+        for (const QString& text : saveLines)
+            QVERIFY2(openLines.contains(text), qPrintable(text));
+        QVERIFY(saveLines.size() < openLines.size()); // some types are read only
+        QCOMPARE(saveLines.removeDuplicates(), 0);
+    }
+
+    // convert asks the catalogue first: a target that cannot hold the format is refused with
+    // the first reason (channels, then rate, then resolution) and no file is written.
+    void convertCheckedAgainstCatalogue_data()
+    {
+        writeWav(path("six.wav"), 48000, 6, 4800);
+        writeWav(path("hi.wav"), 96000, 2, 4800);
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QString>("target");
+        QTest::addColumn<QString>("message"); // empty: the conversion succeeds
+        const QString six = path("six.wav");
+        const QString stereo = path("stereo.wav");
+        QTest::newRow("6 channels to mp3") << QStringList{six} << "r1.mp3"
+                                           << "MP3 holds at most 2 channels; the source has 6";
+        QTest::newRow("format string names mp3")
+            << QStringList{"--format", "mp3[kbps=128]", six} << "r2.bin"
+            << "MP3 holds at most 2 channels; the source has 6";
+        QTest::newRow("asked channels") << QStringList{"--channels", "6", stereo} << "r3.mp3"
+                                        << "MP3 holds at most 2 channels; --channels asks for 6";
+        QTest::newRow("channels before rate") << QStringList{"--rate", "96000", six} << "r4.mp3"
+                                              << "MP3 holds at most 2 channels";
+        QTest::newRow("rate") << QStringList{path("hi.wav")} << "r5.opus"
+                              << "OPUS takes 8000, 12000, 16000, 24000 or 48000 Hz; the source "
+                                 "is at 96000 Hz";
+        QTest::newRow("resolution") << QStringList{"--bits", "24", stereo} << "r6.mp3"
+                                    << "MP3 writes 16 bits; --bits asks for 24";
+        QTest::newRow("exact tag") << QStringList{"--format", "wav[codec=gsm]", stereo}
+                                   << "r7.wav" << "WAV holds at most 1 channel; the source has 2";
+        QTest::newRow("6 channels to flac") << QStringList{six} << "ok1.flac" << "";
+        QTest::newRow("mixed down to mp3") << QStringList{"--channels", "2", six} << "ok2.mp3"
+                                           << "";
+        QTest::newRow("gsm in mono") << QStringList{"--format", "wav[codec=gsm]", "--channels",
+                                                    "1", stereo}
+                                     << "ok3.wav" << "";
+    }
+
+    void convertCheckedAgainstCatalogue()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(QString, target);
+        QFETCH(QString, message);
+        const QString out = m_dir.filePath(target);
+        const Result r = run(QStringList{"convert", "-q"} + arguments + QStringList{out});
+        QCOMPARE(r.status, message.isEmpty() ? 0 : 1);
+        if (message.isEmpty()) {
+            QVERIFY2(r.err.isEmpty(), qPrintable(r.err));
+            QVERIFY(QFileInfo(out).size() > 0);
+        } else {
+            QVERIFY2(r.err.startsWith(QStringLiteral("sova: convert: ") + message),
+                     qPrintable(r.err));
+            QVERIFY(!QFileInfo::exists(out));
+        }
     }
 };
 

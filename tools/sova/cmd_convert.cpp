@@ -1,8 +1,12 @@
 #include "audiopaths.h"
 #include "command.h"
 
+#include <QFileInfo>
 #include <QSovaAudioFile>
 #include <QSovaAudioFormat>
+#include <QSovaFormatDatabase>
+
+#include <algorithm>
 
 namespace {
 
@@ -14,6 +18,125 @@ int positiveOption(const QCommandLineParser& parser, const QCommandLineOption& o
     bool ok = false;
     const int value = parser.value(option).toInt(&ok);
     return ok && value > 0 ? value : -1;
+}
+
+using Db = QSovaFormatDatabase;
+
+// A writer tag of the catalogue with the name of its file type ("MP3").
+struct Writer {
+    QString typeName;
+    Db::Filter filter;
+    Db::Tag tag;
+};
+
+// The writers that a target names: the tag whose format string is exactly formatString; else
+// the tags named after the container word of formatString ("flac" of "flac[nbits=24]") or,
+// without one, after the target's extension; else every writer of the file types that list
+// that extension. Empty when the catalogue knows nothing by that name (the engine then
+// decides on its own).
+QList<Writer> writersFor(const QString& formatString, const QString& target)
+{
+    const Db::FilterTypes all(Db::AudioFiles | Db::CompressedFiles | Db::RawFiles);
+    const QList<Db::Filter> filters = Db().filters(Db::Write, all);
+    QList<Writer> exact, named, listed;
+    const QString word = (formatString.isEmpty() ? QFileInfo(target).suffix()
+                                                 : formatString.section(QLatin1Char('['), 0, 0))
+                             .trimmed()
+                             .toLower();
+    if (word.isEmpty())
+        return {};
+    for (const Db::Filter& filter : filters) {
+        const bool listsWord = filter.extensions().contains(word, Qt::CaseInsensitive);
+        for (const Db::Tag& tag : filter.writerTags()) {
+            const Writer writer{filter.name(), filter, tag};
+            if (!formatString.isEmpty() && tag.formatTag() == formatString.trimmed())
+                exact << writer;
+            if (tag.formatTag().section(QLatin1Char('['), 0, 0).toLower() == word)
+                named << writer;
+            if (listsWord)
+                listed << writer;
+        }
+    }
+    return !exact.isEmpty() ? exact : !named.isEmpty() ? named : listed;
+}
+
+QString numberList(QList<int> values, const QString& unit)
+{
+    std::sort(values.begin(), values.end());
+    values.erase(std::unique(values.begin(), values.end()), values.end());
+    QStringList parts;
+    for (int value : values)
+        parts << QString::number(value);
+    QString text = parts.join(QStringLiteral(", "));
+    const int last = text.lastIndexOf(QLatin1Char(','));
+    if (last >= 0)
+        text.replace(last, 1, QStringLiteral(" or"));
+    return text + unit;
+}
+
+// Why none of the writers can take format, or an empty string when one can. Channels are
+// judged first, then the rate, then (only when the user chose it) the resolution; each step
+// looks only at the writers that passed the ones before. origin says where a value came from
+// ("the source has", "--channels asks for").
+QString refusal(const QList<Writer>& writers, const QSovaAudioFormat& format, bool checkBits,
+                const QString& channelsOrigin, const QString& rateOrigin,
+                const QString& bitsOrigin)
+{
+    if (writers.isEmpty())
+        return QString();
+    const QString name = writers.first().typeName;
+    for (const Writer& w : writers)
+        if (w.tag.supportsFormat(format, checkBits) && w.filter.supportsFormat(format, false))
+            return QString();
+
+    QList<Writer> passed;
+    QList<int> channels;
+    for (const Writer& w : writers) {
+        for (int count : w.tag.supportedNumChannels())
+            if (count != 51) // the 5.1 layout flag, not a count
+                channels << count;
+        if (w.tag.supportedNumChannels().contains(format.numChannels()))
+            passed << w;
+    }
+    const int n = format.numChannels();
+    if (passed.isEmpty()) {
+        const int most =
+            channels.isEmpty() ? 0 : *std::max_element(channels.begin(), channels.end());
+        const QString holds = most >= n ? numberList(channels, QStringLiteral(" channels"))
+            : most == 1                 ? QStringLiteral("at most 1 channel")
+                                        : QStringLiteral("at most %1 channels").arg(most);
+        return QStringLiteral("%1 holds %2; %3 %4").arg(name, holds, channelsOrigin).arg(n);
+    }
+
+    QList<Writer> rated;
+    QList<int> rates;
+    for (const Writer& w : passed) {
+        const QList<int>& list = w.tag.supportedSampleRates();
+        rates << list;
+        if (list.contains(-1) || list.contains(format.sampleRate()))
+            rated << w;
+    }
+    if (rated.isEmpty())
+        return QStringLiteral("%1 takes %2; %3 %4 Hz")
+            .arg(name, numberList(rates, QStringLiteral(" Hz")), rateOrigin)
+            .arg(format.sampleRate());
+
+    if (checkBits) {
+        QList<int> bits;
+        bool fits = false;
+        for (const Writer& w : rated) {
+            bits << w.tag.supportedResolutions();
+            fits = fits || w.tag.supportedResolutions().contains(format.resolution());
+        }
+        if (!fits)
+            return QStringLiteral("%1 writes %2; %3 %4")
+                .arg(name, numberList(bits, QStringLiteral(" bits")), bitsOrigin)
+                .arg(format.resolution());
+    }
+    return QStringLiteral("%1 cannot hold %2 Hz with %3 channels")
+        .arg(name)
+        .arg(format.sampleRate())
+        .arg(n);
 }
 
 int runConvert(const QStringList& arguments)
@@ -60,11 +183,18 @@ int runConvert(const QStringList& arguments)
     // Without --rate/--channels/--bits the target keeps the source's values; with any of them
     // the others are read from the source first.
     QSovaAudioFormat format(nullptr);
-    if (rate || channels || bits) {
+    QSovaAudioFormat planned(nullptr); // what OUT will hold, when the source could be read
+    bool sourceRead = false;
+    {
         QSovaAudioFile source(in, parser.value(inFormatOption), QSovaAudioFile::IEEEFloat);
-        if (!source.open(QIODevice::ReadOnly))
+        sourceRead = source.open(QIODevice::ReadOnly);
+        if (sourceRead)
+            planned = source.format();
+    }
+    if (rate || channels || bits) {
+        if (!sourceRead)
             return fail("convert", engineFailure(QStringLiteral("read"), in));
-        format = source.format();
+        format = planned;
         if (rate)
             format.setSampleRate(rate);
         if (channels)
@@ -78,6 +208,19 @@ int runConvert(const QStringList& arguments)
                     .arg(format.sampleRate())
                     .arg(format.numChannels())
                     .arg(format.resolution()));
+        planned = format;
+    }
+
+    // Refuse early, and with a plain reason, what the catalogue says the target cannot hold
+    // (an unreadable source is left to the conversion to report).
+    if (sourceRead) {
+        const QString reason = refusal(writersFor(parser.value(formatOption), target), planned,
+            bits > 0,
+            channels ? QStringLiteral("--channels asks for") : QStringLiteral("the source has"),
+            rate ? QStringLiteral("--rate asks for") : QStringLiteral("the source is at"),
+            QStringLiteral("--bits asks for"));
+        if (!reason.isEmpty())
+            return fail("convert", reason);
     }
 
     const bool quiet = parser.isSet(quietOption);

@@ -67,6 +67,7 @@ const QList<const Command*>& commands()
     static const QList<const Command*> all = {
         &infoCommand,     &convertCommand, &splitCommand, &joinCommand,
         &statsCommand,    &spectrumCommand, &vadCommand, &fxCommand, &decodeCommand,
+        &formatsCommand,
         &demoCommand,     &versionCommand, &optionsCommand, &settingsCommand,
         &iniCommand,      &windowsCommand, &selftestCommand};
     return all;

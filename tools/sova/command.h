@@ -58,3 +58,4 @@ extern const Command spectrumCommand;
 extern const Command vadCommand;
 extern const Command fxCommand;
 extern const Command decodeCommand;
+extern const Command formatsCommand;
