@@ -104,6 +104,13 @@ int32_t coderBits(uint32_t coder);
 // Mime type of a container (persistent text), null when it has none.
 const char* containerMimeType(uint32_t container);
 
+// True when a path names a scheme ("qfile://...", "hfile://..."): such targets are written in
+// place; plain paths are written beside the target and renamed into place.
+bool hasScheme(const std::string& path);
+// Creates "<dir>/.<name>.sova-XXXXXX" beside a plain target, with the target's mode or the
+// mode a plain create would give; "" with the reason recorded on failure.
+std::string makeTempBeside(const std::string& target);
+
 // Records an engine error in the calling thread's slot (printf-style message).
 void setError(int32_t code, const char* format, ...)
 #if defined(__GNUC__)

@@ -113,21 +113,6 @@ bool sndfileReads(uint32_t container)
     }
 }
 
-bool hasScheme(const std::string& path)
-{
-    const size_t colon = path.find("://");
-    if (colon == std::string::npos || colon == 0)
-        return false;
-    if (!std::isalpha(static_cast<unsigned char>(path[0])))
-        return false;
-    for (size_t i = 0; i < colon; ++i) {
-        const unsigned char c = static_cast<unsigned char>(path[i]);
-        if (!std::isalnum(c) && c != '+' && c != '-' && c != '.')
-            return false;
-    }
-    return true;
-}
-
 std::string extensionOf(const std::string& path)
 {
     const size_t slash = path.find_last_of("/\\");
@@ -252,6 +237,50 @@ struct _AUDIOFILE
 };
 
 namespace sova::audio {
+
+bool hasScheme(const std::string& path)
+{
+    const size_t colon = path.find("://");
+    if (colon == std::string::npos || colon == 0)
+        return false;
+    if (!std::isalpha(static_cast<unsigned char>(path[0])))
+        return false;
+    for (size_t i = 0; i < colon; ++i) {
+        const unsigned char c = static_cast<unsigned char>(path[i]);
+        if (!std::isalnum(c) && c != '+' && c != '-' && c != '.')
+            return false;
+    }
+    return true;
+}
+
+// Creates "<dir>/.<name>.sova-XXXXXX" beside a local target with the mode a plain create
+// would give (or the target's own); "" with the reason recorded on failure.
+std::string makeTempBeside(const std::string& target)
+{
+    const size_t slash = target.rfind('/');
+    const std::string dir
+        = slash == std::string::npos ? std::string() : target.substr(0, slash + 1);
+    const std::string name = slash == std::string::npos ? target : target.substr(slash + 1);
+    std::string pattern = dir + "." + name + ".sova-XXXXXX";
+    std::vector<char> temp(pattern.begin(), pattern.end());
+    temp.push_back('\0');
+    const int fd = ::mkstemp(temp.data());
+    if (fd < 0) {
+        setError(BLERR_OPEN_FAILED, "cannot create a temporary file beside '%s': %s",
+            target.c_str(), std::strerror(errno));
+        return std::string();
+    }
+    struct stat existing;
+    if (::stat(target.c_str(), &existing) == 0) {
+        ::fchmod(fd, existing.st_mode & 07777);
+    } else {
+        const mode_t mask = ::umask(0);
+        ::umask(mask);
+        ::fchmod(fd, 0666 & ~mask);
+    }
+    ::close(fd);
+    return std::string(temp.data());
+}
 
 void setError(int32_t code, const char* format, ...)
 {
@@ -585,41 +614,6 @@ int64_t writeNormalised(AUDIOFILE* file, const float* src, int64_t frames)
     return done;
 }
 
-std::string directoryOf(const std::string& path)
-{
-    const size_t slash = path.rfind('/');
-    if (slash == std::string::npos)
-        return std::string();
-    return path.substr(0, slash + 1);
-}
-
-// Creates "<dir>/.<name>.sova-XXXXXX" beside a local target with the mode a plain create
-// would give (or the target's own); "" with the reason recorded on failure.
-std::string makeTempBeside(const std::string& target)
-{
-    const size_t slash = target.rfind('/');
-    const std::string name = slash == std::string::npos ? target : target.substr(slash + 1);
-    std::string pattern = directoryOf(target) + "." + name + ".sova-XXXXXX";
-    std::vector<char> temp(pattern.begin(), pattern.end());
-    temp.push_back('\0');
-    const int fd = ::mkstemp(temp.data());
-    if (fd < 0) {
-        setError(BLERR_OPEN_FAILED, "cannot create a temporary file beside '%s': %s",
-            target.c_str(), std::strerror(errno));
-        return std::string();
-    }
-    struct stat existing;
-    if (::stat(target.c_str(), &existing) == 0) {
-        ::fchmod(fd, existing.st_mode & 07777);
-    } else {
-        const mode_t mask = ::umask(0);
-        ::umask(mask);
-        ::fchmod(fd, 0666 & ~mask);
-    }
-    ::close(fd);
-    return std::string(temp.data());
-}
-
 // Resolves the format to write from the spec, the caller's fmt and the path; false (recorded)
 // when it cannot be told or makes no sense.
 bool resolveWriteFormat(
@@ -651,8 +645,8 @@ bool resolveWriteFormat(
     // file saved as "x.wav" keeps its samples rather than turning into 32-bit integers.
     if (!spec.coder && spec.bitsPerSample == 0 && fmtValid && isFloatCoder(fmt->coder)
         && isPcmInteger(coder)) {
-        const uint32_t floatCoder =
-            (fmt->coder & AUDIO_CODEC_MASK) | (coder & AUDIO_CODEC_FLAG_BIGENDIAN);
+        const uint32_t floatCoder
+            = (fmt->coder & AUDIO_CODEC_MASK) | (coder & AUDIO_CODEC_FLAG_BIGENDIAN);
         if (sndfileWrites(container, floatCoder))
             coder = floatCoder;
     }

@@ -22,6 +22,8 @@
 
 namespace {
 
+using sova::audio::hasScheme;
+using sova::audio::makeTempBeside;
 using sova::audio::setError;
 
 const _sAUDIORegionFilter kFilters[] = {
@@ -50,19 +52,6 @@ const _sAUDIORegionFilter* findFilter(const char* tagName)
     return nullptr;
 }
 
-bool hasScheme(const std::string& path)
-{
-    const size_t colon = path.find("://");
-    if (colon == std::string::npos || colon == 0
-        || !std::isalpha(static_cast<unsigned char>(path[0])))
-        return false;
-    for (size_t i = 0; i < colon; ++i) {
-        const unsigned char c = static_cast<unsigned char>(path[i]);
-        if (!std::isalnum(c) && c != '+' && c != '-' && c != '.')
-            return false;
-    }
-    return true;
-}
 
 // True when the n bytes at s are well-formed UTF-8 (no overlong forms or surrogates).
 bool validUtf8(const char* s, size_t n)
@@ -505,33 +494,6 @@ bool formatCue(const char* path, const _audio_region* regions, int32_t count, co
     return true;
 }
 
-// Creates "<dir>/.<name>.sova-XXXXXX" beside a plain target; "" (recorded) on failure.
-std::string makeTempBeside(const std::string& target)
-{
-    const size_t slash = target.rfind('/');
-    const std::string dir
-        = slash == std::string::npos ? std::string() : target.substr(0, slash + 1);
-    const std::string name = slash == std::string::npos ? target : target.substr(slash + 1);
-    std::string pattern = dir + "." + name + ".sova-XXXXXX";
-    std::vector<char> temp(pattern.begin(), pattern.end());
-    temp.push_back('\0');
-    const int fd = ::mkstemp(temp.data());
-    if (fd < 0) {
-        setError(BLERR_OPEN_FAILED, "cannot create a temporary file beside '%s': %s",
-            target.c_str(), std::strerror(errno));
-        return std::string();
-    }
-    struct stat existing;
-    if (::stat(target.c_str(), &existing) == 0) {
-        ::fchmod(fd, existing.st_mode & 07777);
-    } else {
-        const mode_t mask = ::umask(0);
-        ::umask(mask);
-        ::fchmod(fd, 0666 & ~mask);
-    }
-    ::close(fd);
-    return std::string(temp.data());
-}
 
 bool writeWhole(const char* path, const std::string& text)
 {
