@@ -13,7 +13,7 @@
 namespace sova::audio {
 
 // A parsed format string. Numbers left at 0 (or -1 for kbps/quality/dither) were not given.
-struct FormatSpec
+struct FormatRequest
 {
     std::string name; // lower-cased name as written, "" when none
     uint32_t container = 0; // AUDIO_CONTAINER_*, 0 = not given (detect / from extension)
@@ -30,7 +30,7 @@ struct FormatSpec
 
 // Parses a format string; false (error recorded) when the name is unknown or an option value
 // is out of range.
-bool parseFormatString(const char* text, FormatSpec& spec);
+bool parseFormatString(const char* text, FormatRequest& request);
 
 // What a reader knows of its stream.
 struct StreamInfo
@@ -74,15 +74,15 @@ public:
 
 // Backends. `io` is an open foundation handle the reader or writer borrows; the caller closes
 // it after destroying the reader or writer. `path` is used in messages only. Each returns null
-// with an error recorded. For reading, spec.container == 0 asks the backend to detect.
+// with an error recorded. For reading, request.container == 0 asks the backend to detect.
 std::unique_ptr<Reader> openSndfileReader(
-    _HFile* io, const std::string& path, const FormatSpec& spec);
+    _HFile* io, const std::string& path, const FormatRequest& request);
 std::unique_ptr<Writer> openSndfileWriter(
-    _HFile* io, const std::string& path, const FormatSpec& spec, const _audio_format& fmt);
+    _HFile* io, const std::string& path, const FormatRequest& request, const _audio_format& fmt);
 std::unique_ptr<Reader> openFfmpegReader(
-    _HFile* io, const std::string& path, const FormatSpec& spec);
+    _HFile* io, const std::string& path, const FormatRequest& request);
 std::unique_ptr<Writer> openFfmpegWriter(_HFile* io, const std::string& path,
-    const FormatSpec& spec, const _audio_format& fmt, const char* metadata);
+    const FormatRequest& request, const _audio_format& fmt, const char* metadata);
 // True when the backend writes this container/codec pair (coder 0 = container default).
 bool sndfileWrites(uint32_t container, uint32_t coder);
 bool ffmpegWrites(uint32_t container, uint32_t coder);

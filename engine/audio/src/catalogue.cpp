@@ -435,13 +435,13 @@ namespace {
         coder = 0;
         if (!tag || !std::memchr(tag->name, '\0', sizeof tag->name))
             return false;
-        FormatSpec spec;
-        if (!parseFormatString(tag->name, spec))
+        FormatRequest request;
+        if (!parseFormatString(tag->name, request))
             return false;
-        container = spec.container;
-        if (container == 0 && spec.coder != 0)
-            container = containerForCodec(spec.coder);
-        coder = spec.coder ? spec.coder : defaultCoder(container);
+        container = request.container;
+        if (container == 0 && request.coder != 0)
+            container = containerForCodec(request.coder);
+        coder = request.coder ? request.coder : defaultCoder(container);
         return true;
     }
 

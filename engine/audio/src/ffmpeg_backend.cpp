@@ -354,7 +354,7 @@ namespace {
             av_channel_layout_uninit(&outLayout_);
         }
 
-        bool open(const FormatSpec& spec);
+        bool open(const FormatRequest& request);
 
         const StreamInfo& info() const override { return info_; }
         int64_t read(float* dst, int64_t frames) override;
@@ -405,9 +405,9 @@ namespace {
         int64_t preroll_ = 0;
     };
 
-    bool FfmpegReader::open(const FormatSpec& spec)
+    bool FfmpegReader::open(const FormatRequest& request)
     {
-        (void)spec; // the content decides: FFmpeg has no headerless formats we would offer
+        (void)request; // the content decides: FFmpeg has no headerless formats we would offer
         fmt_ = avformat_alloc_context();
         avio_ = makeIo(io_, false);
         packet_ = av_packet_alloc();
@@ -854,7 +854,7 @@ namespace {
             av_channel_layout_uninit(&layout_);
         }
 
-        bool open(const FormatSpec& spec, const _audio_format& fmt, const char* metadata);
+        bool open(const FormatRequest& request, const _audio_format& fmt, const char* metadata);
 
         int64_t write(const float* src, int64_t frames) override
         {
@@ -902,10 +902,10 @@ namespace {
         _audio_format format_ {};
     };
 
-    bool FfmpegWriter::open(const FormatSpec& spec, const _audio_format& fmt, const char* metadata)
+    bool FfmpegWriter::open(const FormatRequest& request, const _audio_format& fmt, const char* metadata)
     {
-        const uint32_t container = fmt.container ? fmt.container : spec.container;
-        uint32_t coder = fmt.coder ? fmt.coder : spec.coder;
+        const uint32_t container = fmt.container ? fmt.container : request.container;
+        uint32_t coder = fmt.coder ? fmt.coder : request.coder;
         if (coder == 0)
             coder = defaultCoder(container);
         const Target* target = targetOf(container, coder);
@@ -986,15 +986,15 @@ namespace {
         }
 
         if (lossy) {
-            const int64_t kbps = spec.kbps > 0 ? spec.kbps : 0;
+            const int64_t kbps = request.kbps > 0 ? request.kbps : 0;
             enc_->bit_rate = kbps > 0 ? kbps * 1000 : defaultRatePerChannel(coder) * channels_;
-            if ((coder & AUDIO_CODEC_MASK) == AUDIO_CODEC_VORBIS && spec.quality >= 0) {
+            if ((coder & AUDIO_CODEC_MASK) == AUDIO_CODEC_VORBIS && request.quality >= 0) {
                 enc_->flags |= AV_CODEC_FLAG_QSCALE;
-                enc_->global_quality = spec.quality * FF_QP2LAMBDA;
+                enc_->global_quality = request.quality * FF_QP2LAMBDA;
                 enc_->bit_rate = 0;
             }
-        } else if (spec.quality >= 0) {
-            enc_->compression_level = spec.quality;
+        } else if (request.quality >= 0) {
+            enc_->compression_level = request.quality;
         }
         if (muxer->flags & AVFMT_GLOBALHEADER)
             enc_->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
@@ -1199,7 +1199,7 @@ namespace {
 } // namespace
 
 std::unique_ptr<Reader> openFfmpegReader(
-    _HFile* io, const std::string& path, const FormatSpec& spec)
+    _HFile* io, const std::string& path, const FormatRequest& request)
 {
     quietLogs();
     if (!io) {
@@ -1207,13 +1207,13 @@ std::unique_ptr<Reader> openFfmpegReader(
         return nullptr;
     }
     auto reader = std::make_unique<FfmpegReader>(io, path);
-    if (!reader->open(spec))
+    if (!reader->open(request))
         return nullptr;
     return reader;
 }
 
 std::unique_ptr<Writer> openFfmpegWriter(_HFile* io, const std::string& path,
-    const FormatSpec& spec, const _audio_format& fmt, const char* metadata)
+    const FormatRequest& request, const _audio_format& fmt, const char* metadata)
 {
     quietLogs();
     if (!io) {
@@ -1221,7 +1221,7 @@ std::unique_ptr<Writer> openFfmpegWriter(_HFile* io, const std::string& path,
         return nullptr;
     }
     auto writer = std::make_unique<FfmpegWriter>(io, path);
-    if (!writer->open(spec, fmt, metadata))
+    if (!writer->open(request, fmt, metadata))
         return nullptr;
     return writer;
 }

@@ -153,14 +153,14 @@ bool splitFmtConv(std::string& path, FmtConv& conv)
     const std::string original = path;
     path.erase(at);
     conv.present = true;
-    FormatSpec spec;
-    if (!parseFormatString(("[" + options + "]").c_str(), spec)) {
+    FormatRequest request;
+    if (!parseFormatString(("[" + options + "]").c_str(), request)) {
         setError(BLERROR_LastCode(), "'%s': %s", original.c_str(), BLERROR_LastMessage());
         return false;
     }
-    conv.sampleRate = spec.sampleRate;
-    conv.numChannels = spec.numChannels;
-    conv.bitsPerSample = spec.bitsPerSample;
+    conv.sampleRate = request.sampleRate;
+    conv.numChannels = request.numChannels;
+    conv.bitsPerSample = request.bitsPerSample;
     return true;
 }
 
@@ -356,25 +356,26 @@ void destroy(AUDIOFILE* file)
     delete file;
 }
 
-// Opens the stream of path with the backend the spec or the content calls for.
-std::unique_ptr<Reader> openReader(_HFile* io, const std::string& path, const FormatSpec& spec)
+// Opens the stream of path with the backend the request or the content calls for.
+std::unique_ptr<Reader> openReader(
+    _HFile* io, const std::string& path, const FormatRequest& request)
 {
-    if (spec.container != 0) {
-        if (sndfileReads(spec.container))
-            return openSndfileReader(io, path, spec);
-        return openFfmpegReader(io, path, spec);
+    if (request.container != 0) {
+        if (sndfileReads(request.container))
+            return openSndfileReader(io, path, request);
+        return openFfmpegReader(io, path, request);
     }
-    if (spec.coder != 0) {
+    if (request.coder != 0) {
         // A codec alone: look in its container first, then let the content decide.
-        FormatSpec withContainer = spec;
-        withContainer.container = containerForCodec(spec.coder);
+        FormatRequest withContainer = request;
+        withContainer.container = containerForCodec(request.coder);
         if (sndfileReads(withContainer.container))
             if (auto reader = openSndfileReader(io, path, withContainer))
                 return reader;
         if (!BLIO_Seek(io, 0, BLIO_SEEK_SET))
             return nullptr;
     }
-    if (auto reader = openSndfileReader(io, path, spec))
+    if (auto reader = openSndfileReader(io, path, request))
         return reader;
     SavedError sndfile;
     sndfile.save();
@@ -384,7 +385,7 @@ std::unique_ptr<Reader> openReader(_HFile* io, const std::string& path, const Fo
         sndfile.restore();
         return nullptr;
     }
-    if (auto reader = openFfmpegReader(io, path, spec))
+    if (auto reader = openFfmpegReader(io, path, request))
         return reader;
     // When both fail, the backend that recognised the container has the telling reason.
     const int32_t ffmpeg = BLERROR_LastCode();
@@ -410,8 +411,8 @@ AUDIOFILE* openForReading(const char* pathText, const char* format, int64_t star
     FmtConv conv;
     if (!splitFmtConv(path, conv))
         return nullptr;
-    FormatSpec spec;
-    if (!parseFormatString(format, spec)) {
+    FormatRequest request;
+    if (!parseFormatString(format, request)) {
         setError(BLERROR_LastCode(), "'%s': %s", pathText, BLERROR_LastMessage());
         return nullptr;
     }
@@ -427,7 +428,7 @@ AUDIOFILE* openForReading(const char* pathText, const char* format, int64_t star
         destroy(file);
         return nullptr;
     }
-    file->reader = openReader(file->io, path, spec);
+    file->reader = openReader(file->io, path, request);
     if (!file->reader) {
         if (BLERROR_LastCode() == BLERR_NONE)
             setError(
@@ -614,15 +615,15 @@ int64_t writeNormalised(AUDIOFILE* file, const float* src, int64_t frames)
     return done;
 }
 
-// Resolves the format to write from the spec, the caller's fmt and the path; false (recorded)
+// Resolves the format to write from the request, the caller's fmt and the path; false (recorded)
 // when it cannot be told or makes no sense.
 bool resolveWriteFormat(
-    const std::string& path, FormatSpec& spec, const _audio_format* fmt, _audio_format& out)
+    const std::string& path, FormatRequest& request, const _audio_format* fmt, _audio_format& out)
 {
     AUDIO_NullFormat(&out);
-    uint32_t container = spec.container;
-    if (container == 0 && spec.coder != 0)
-        container = containerForCodec(spec.coder);
+    uint32_t container = request.container;
+    if (container == 0 && request.coder != 0)
+        container = containerForCodec(request.coder);
     if (container == 0)
         container = containerFromExtension(extensionOf(path));
     if (container == 0) {
@@ -631,8 +632,8 @@ bool resolveWriteFormat(
         return false;
     }
     const bool fmtValid = fmt && AUDIO_IsValidFormat(fmt);
-    int32_t rate = spec.sampleRate ? spec.sampleRate : fmtValid ? fmt->sampleRate : 0;
-    int32_t channels = spec.numChannels ? spec.numChannels : fmtValid ? fmt->numChannels : 0;
+    int32_t rate = request.sampleRate ? request.sampleRate : fmtValid ? fmt->sampleRate : 0;
+    int32_t channels = request.numChannels ? request.numChannels : fmtValid ? fmt->numChannels : 0;
     if (rate < 10 || rate > 500000 || channels < 1 || channels > 8) {
         setError(AUDIOERR_INVALID_FORMAT,
             "'%s': no valid sample rate and channel count (%d Hz, %d channels)", path.c_str(), rate,
@@ -640,19 +641,19 @@ bool resolveWriteFormat(
         return false;
     }
 
-    uint32_t coder = spec.coder ? spec.coder : defaultCoder(container);
+    uint32_t coder = request.coder ? request.coder : defaultCoder(container);
     // Float material stays float where the container's default is PCM: a float signal or
     // file saved as "x.wav" keeps its samples rather than turning into 32-bit integers.
-    if (!spec.coder && spec.bitsPerSample == 0 && fmtValid && isFloatCoder(fmt->coder)
+    if (!request.coder && request.bitsPerSample == 0 && fmtValid && isFloatCoder(fmt->coder)
         && isPcmInteger(coder)) {
         const uint32_t floatCoder
             = (fmt->coder & AUDIO_CODEC_MASK) | (coder & AUDIO_CODEC_FLAG_BIGENDIAN);
         if (sndfileWrites(container, floatCoder))
             coder = floatCoder;
     }
-    int32_t bits = spec.bitsPerSample;
-    if (bits == 0 && spec.coder != 0 && !storesAnyResolution(spec.coder))
-        bits = coderBits(spec.coder);
+    int32_t bits = request.bitsPerSample;
+    if (bits == 0 && request.coder != 0 && !storesAnyResolution(request.coder))
+        bits = coderBits(request.coder);
     if (bits == 0 && fmtValid) {
         bits = fmt->bitsPerSample;
         // A resolution FLAC lacks, taken from a source or a default rather than asked for by
@@ -707,16 +708,16 @@ bool resolveWriteFormat(
         }
         // A PCM width taken from the source rather than asked for, which the container does
         // not store (32-bit into VOC, say), becomes the widest one it does.
-        const bool widthAskedFor = spec.bitsPerSample != 0 || spec.coder != 0;
+        const bool widthAskedFor = request.bitsPerSample != 0 || request.coder != 0;
         while (!widthAskedFor && bits > 16 && !isFloatCoder(pcm)
             && !sndfileWrites(container, pcm | flag)) {
             bits = bits > 24 ? 24 : 16;
             pcm = bits == 24 ? AUDIO_CODEC_PCM24 : AUDIO_CODEC_PCM16;
         }
         coder = pcm | flag;
-        if (spec.endian == 1)
+        if (request.endian == 1)
             coder &= ~static_cast<uint32_t>(AUDIO_CODEC_FLAG_BIGENDIAN);
-        else if (spec.endian == 2 && (coder & AUDIO_CODEC_MASK) != AUDIO_CODEC_PCM_U8
+        else if (request.endian == 2 && (coder & AUDIO_CODEC_MASK) != AUDIO_CODEC_PCM_U8
             && (coder & AUDIO_CODEC_MASK) != AUDIO_CODEC_PCM_S8)
             coder |= AUDIO_CODEC_FLAG_BIGENDIAN;
     }
@@ -727,11 +728,11 @@ bool resolveWriteFormat(
     out.container = container;
     out.coder = coder;
     out.mimeType = containerMimeType(container);
-    spec.container = container;
-    spec.coder = coder;
-    spec.sampleRate = rate;
-    spec.numChannels = channels;
-    spec.bitsPerSample = bits;
+    request.container = container;
+    request.coder = coder;
+    request.sampleRate = rate;
+    request.numChannels = channels;
+    request.bitsPerSample = bits;
     return true;
 }
 
@@ -765,8 +766,8 @@ AUDIOFILE* AUDIO_CreateFileEx2(const char* pathText, const char* format, const _
         return nullptr;
     }
     const std::string path = pathText;
-    FormatSpec spec;
-    if (!parseFormatString(format, spec)) {
+    FormatRequest request;
+    if (!parseFormatString(format, request)) {
         setError(BLERROR_LastCode(), "'%s': %s", pathText, BLERROR_LastMessage());
         return nullptr;
     }
@@ -776,12 +777,12 @@ AUDIOFILE* AUDIO_CreateFileEx2(const char* pathText, const char* format, const _
             pathText, kbps, quality);
         return nullptr;
     }
-    if (spec.kbps < 0 && kbps > 0)
-        spec.kbps = kbps;
-    if (spec.quality < 0 && quality >= 0)
-        spec.quality = quality;
+    if (request.kbps < 0 && kbps > 0)
+        request.kbps = kbps;
+    if (request.quality < 0 && quality >= 0)
+        request.quality = quality;
     _audio_format out;
-    if (!resolveWriteFormat(path, spec, fmt, out))
+    if (!resolveWriteFormat(path, request, fmt, out))
         return nullptr;
     // FFmpeg's FLAC encoder is both faster and tighter than libFLAC at the same level (about
     // 0.6 of the time and 0.75 of the size at the default level); libsndfile keeps 8-bit FLAC,
@@ -821,9 +822,9 @@ AUDIOFILE* AUDIO_CreateFileEx2(const char* pathText, const char* format, const _
         return nullptr;
     }
     if (bySndfile)
-        file->writer = openSndfileWriter(file->io, path, spec, out);
+        file->writer = openSndfileWriter(file->io, path, request, out);
     else
-        file->writer = openFfmpegWriter(file->io, path, spec, out, metadata);
+        file->writer = openFfmpegWriter(file->io, path, request, out, metadata);
     if (!file->writer) {
         if (BLERROR_LastCode() == BLERR_NONE)
             setError(AUDIOERR_ENCODE, "'%s': the encoder could not start", pathText);
@@ -843,7 +844,7 @@ AUDIOFILE* AUDIO_CreateFileEx2(const char* pathText, const char* format, const _
         && written.bitsPerSample > 0 && written.bitsPerSample <= 16;
     file->eightBit
         = written.bitsPerSample == 8 && coder != AUDIO_CODEC_ULAW && coder != AUDIO_CODEC_ALAW;
-    file->dither.kind = spec.dither >= 0 ? spec.dither : AUDIODITHER_DefaultKind();
+    file->dither.kind = request.dither >= 0 ? request.dither : AUDIODITHER_DefaultKind();
     return file;
 }
 
@@ -1075,7 +1076,7 @@ int32_t AUDIO_ConvertEx(const AUDIO_Progress* progress, const char* source,
         setError(BLERR_INVALID_ARGUMENT, "conversion needs a source and a target path");
         return 0;
     }
-    FormatSpec targetSpec;
+    FormatRequest targetSpec;
     if (!parseFormatString(targetFormat, targetSpec)) {
         setError(BLERROR_LastCode(), "'%s': %s", target, BLERROR_LastMessage());
         return 0;

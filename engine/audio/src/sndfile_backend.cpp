@@ -300,7 +300,7 @@ public:
             sf_close(sf_);
     }
 
-    bool open(const FormatSpec& spec);
+    bool open(const FormatRequest& request);
     const StreamInfo& info() const override { return info_; }
     int64_t read(float* dst, int64_t frames) override;
     int64_t read16(int16_t* dst, int64_t frames) override;
@@ -309,7 +309,7 @@ public:
 private:
     template <typename T>
     int64_t readFrames(T* dst, int64_t frames, sf_count_t (*fn)(SNDFILE*, T*, sf_count_t));
-    bool rawInfo(const FormatSpec& spec, SF_INFO& sfi);
+    bool rawInfo(const FormatRequest& request, SF_INFO& sfi);
 
     Channel ch_;
     std::string path_;
@@ -319,16 +319,16 @@ private:
 };
 
 // Headerless data: everything comes from the format string.
-bool SndfileReader::rawInfo(const FormatSpec& spec, SF_INFO& sfi)
+bool SndfileReader::rawInfo(const FormatRequest& request, SF_INFO& sfi)
 {
-    sfi.samplerate = spec.sampleRate > 0 ? spec.sampleRate : 44100;
-    sfi.channels = spec.numChannels > 0 ? spec.numChannels : 1;
-    const int bits = spec.bitsPerSample > 0 ? spec.bitsPerSample : 16;
-    uint32_t coder = spec.coder & AUDIO_CODEC_MASK;
-    if (spec.container == AUDIO_CONTAINER_VOX && coder == 0)
+    sfi.samplerate = request.sampleRate > 0 ? request.sampleRate : 44100;
+    sfi.channels = request.numChannels > 0 ? request.numChannels : 1;
+    const int bits = request.bitsPerSample > 0 ? request.bitsPerSample : 16;
+    uint32_t coder = request.coder & AUDIO_CODEC_MASK;
+    if (request.container == AUDIO_CONTAINER_VOX && coder == 0)
         coder = AUDIO_CODEC_VOX_ADPCM;
     // The engine's signal file is headerless little-endian 32-bit float, whatever else is said.
-    const bool signal = spec.container == AUDIO_CONTAINER_WSIG;
+    const bool signal = request.container == AUDIO_CONTAINER_WSIG;
     if (signal)
         coder = AUDIO_CODEC_FLOAT32;
     int subtype = subtypeOfCodec(coder);
@@ -345,9 +345,9 @@ bool SndfileReader::rawInfo(const FormatSpec& spec, SF_INFO& sfi)
             codecName(coder).c_str());
         return false;
     }
-    const bool big = !signal && ((spec.coder & AUDIO_CODEC_FLAG_BIGENDIAN) || spec.endian == 2);
+    const bool big = !signal && ((request.coder & AUDIO_CODEC_FLAG_BIGENDIAN) || request.endian == 2);
     const int endian = big           ? SF_ENDIAN_BIG
-        : spec.endian == 1 || signal ? SF_ENDIAN_LITTLE
+        : request.endian == 1 || signal ? SF_ENDIAN_LITTLE
                                      : SF_ENDIAN_FILE;
     sfi.format = SF_FORMAT_RAW | (signal ? SF_FORMAT_FLOAT : subtype) | endian;
     if (sfi.channels > kMaxChannels || sfi.samplerate < kMinRate || sfi.samplerate > kMaxRate
@@ -360,12 +360,12 @@ bool SndfileReader::rawInfo(const FormatSpec& spec, SF_INFO& sfi)
     return true;
 }
 
-bool SndfileReader::open(const FormatSpec& spec)
+bool SndfileReader::open(const FormatRequest& request)
 {
-    const bool raw = spec.container == AUDIO_CONTAINER_RAW || spec.container == AUDIO_CONTAINER_VOX
-        || spec.container == AUDIO_CONTAINER_WSIG;
+    const bool raw = request.container == AUDIO_CONTAINER_RAW || request.container == AUDIO_CONTAINER_VOX
+        || request.container == AUDIO_CONTAINER_WSIG;
     SF_INFO sfi {};
-    if (raw && !rawInfo(spec, sfi))
+    if (raw && !rawInfo(request, sfi))
         return false;
     // Anything else is detected by content: a misleading extension must not stop a read.
     sf_ = sf_open_virtual(&virtualIo, SFM_READ, &sfi, &ch_);
@@ -402,7 +402,7 @@ bool SndfileReader::open(const FormatSpec& spec)
     f.sampleRate = sfi.samplerate;
     f.numChannels = static_cast<int16_t>(sfi.channels);
     f.bitsPerSample = static_cast<int16_t>(coding.bits);
-    f.container = raw ? spec.container : containerOfMajor(major, subtype);
+    f.container = raw ? request.container : containerOfMajor(major, subtype);
     f.coder = coding.coder;
     f.mimeType = containerMimeType(f.container);
     info_.frames = sfi.frames < 0 || sfi.frames == SF_COUNT_MAX ? -1 : sfi.frames;
@@ -575,10 +575,10 @@ uint32_t requestedCoder(const _audio_format& fmt)
     }
 }
 
-int bitsFor(const _audio_format& fmt, const FormatSpec& spec)
+int bitsFor(const _audio_format& fmt, const FormatRequest& request)
 {
     // ALAC's 20-bit mode has no resolution of its own in the format record.
-    return spec.bitsPerSample == 20 ? 20 : fmt.bitsPerSample > 0 ? fmt.bitsPerSample : 16;
+    return request.bitsPerSample == 20 ? 20 : fmt.bitsPerSample > 0 ? fmt.bitsPerSample : 16;
 }
 
 class SndfileWriter final : public Writer
@@ -595,7 +595,7 @@ public:
             sf_close(sf_);
     }
 
-    bool open(const FormatSpec& spec, const _audio_format& fmt);
+    bool open(const FormatRequest& request, const _audio_format& fmt);
     int64_t write(const float* src, int64_t frames) override;
     int64_t write16(const int16_t* src, int64_t frames) override;
     bool finish() override;
@@ -610,7 +610,7 @@ private:
         __attribute__((format(printf, 2, 3)))
 #endif
         ;
-    void applyOptions(const FormatSpec& spec, int subtype);
+    void applyOptions(const FormatRequest& request, int subtype);
 
     int64_t writePairs(const float* src, int64_t frames);
     bool writeEmptyFlac();
@@ -637,12 +637,12 @@ bool SndfileWriter::refuse(const char* format, ...)
     return false;
 }
 
-bool SndfileWriter::open(const FormatSpec& spec, const _audio_format& fmt)
+bool SndfileWriter::open(const FormatRequest& request, const _audio_format& fmt)
 {
     const uint32_t coder = requestedCoder(fmt);
-    const int bits = bitsFor(fmt, spec);
+    const int bits = bitsFor(fmt, request);
     const char* cname = containerName(fmt.container);
-    const int base = sndfileFormat(fmt.container, coder, bits, spec.name);
+    const int base = sndfileFormat(fmt.container, coder, bits, request.name);
     if (!base) {
         const uint32_t codec = coder & AUDIO_CODEC_MASK;
         if (codec == AUDIO_CODEC_FLAC || codec == AUDIO_CODEC_ALAC)
@@ -672,8 +672,8 @@ bool SndfileWriter::open(const FormatSpec& spec, const _audio_format& fmt)
     sfi.samplerate = fmt.sampleRate;
     sfi.channels = fmt.numChannels;
     sfi.format = base;
-    const bool big = (coder & AUDIO_CODEC_FLAG_BIGENDIAN) || spec.endian == 2;
-    const int endian = big ? SF_ENDIAN_BIG : spec.endian == 1 ? SF_ENDIAN_LITTLE : 0;
+    const bool big = (coder & AUDIO_CODEC_FLAG_BIGENDIAN) || request.endian == 2;
+    const int endian = big ? SF_ENDIAN_BIG : request.endian == 1 ? SF_ENDIAN_LITTLE : 0;
     if (endian && !(base & SF_FORMAT_ENDMASK)) {
         // The byte order only means something for word-sized samples in containers that have a
         // choice; elsewhere the request is ignored.
@@ -712,7 +712,7 @@ bool SndfileWriter::open(const FormatSpec& spec, const _audio_format& fmt)
     // 2^(n-1)-1: without them 24-bit samples would not come back bit for bit.
     sf_command(sf_, SFC_SET_CLIPPING, nullptr, SF_TRUE);
     sf_command(sf_, SFC_SET_NORM_FLOAT, nullptr, SF_TRUE);
-    applyOptions(spec, subtype);
+    applyOptions(request, subtype);
     pairs_ = subtype == SF_FORMAT_VOX_ADPCM;
     if (constantKbps_ > 0) {
         char text[32];
@@ -723,17 +723,17 @@ bool SndfileWriter::open(const FormatSpec& spec, const _audio_format& fmt)
 }
 
 // Encoder settings; libsndfile takes them before the first samples.
-void SndfileWriter::applyOptions(const FormatSpec& spec, int subtype)
+void SndfileWriter::applyOptions(const FormatRequest& request, int subtype)
 {
     const int channels = format_.numChannels > 0 ? format_.numChannels : 1;
     const int rate = format_.sampleRate;
     if (subtype == SF_FORMAT_VORBIS) {
-        double quality = spec.quality >= 0 ? std::min(spec.quality, 10) / 10.0 : -1.0;
-        if (quality < 0 && spec.kbps > 0) {
+        double quality = request.quality >= 0 ? std::min(request.quality, 10) / 10.0 : -1.0;
+        if (quality < 0 && request.kbps > 0) {
             // Vorbis has no constant rate here: pick the quality whose nominal stereo rate at
             // 44.1 kHz (q0 64 .. q10 500 kbit/s) is nearest, scaled to the channel count.
             static const int nominal[] = {64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 500};
-            const double perStereo = spec.kbps * 2.0 / channels;
+            const double perStereo = request.kbps * 2.0 / channels;
             int best = 0;
             for (int q = 1; q <= 10; ++q)
                 if (std::fabs(nominal[q] - perStereo) < std::fabs(nominal[best] - perStereo))
@@ -747,33 +747,33 @@ void SndfileWriter::applyOptions(const FormatSpec& spec, int subtype)
     const bool mp3 = subtype == SF_FORMAT_MPEG_LAYER_III;
     const bool opus = subtype == SF_FORMAT_OPUS;
     if (mp3 || opus) {
-        if (spec.kbps > 0) {
+        if (request.kbps > 0) {
             // libsndfile turns a compression level into a constant rate linearly: level 0 is the
             // top of the range, 1 the bottom. Aim at the rate that will actually be written.
             int low, high;
             double kbps;
             if (mp3) {
                 mp3Range(rate, low, high);
-                kbps = nearestMp3Rate(rate, std::clamp(spec.kbps, low, high));
+                kbps = nearestMp3Rate(rate, std::clamp(request.kbps, low, high));
             } else {
                 low = kOpusLowPerChannel * channels, high = kOpusHighPerChannel * channels;
-                kbps = std::clamp(spec.kbps, low, high);
+                kbps = std::clamp(request.kbps, low, high);
             }
             int mode = SF_BITRATE_MODE_CONSTANT;
             double level = (high - kbps) / double(high - low);
             sf_command(sf_, SFC_SET_BITRATE_MODE, &mode, sizeof mode);
             sf_command(sf_, SFC_SET_COMPRESSION_LEVEL, &level, sizeof level);
             constantKbps_ = int(kbps);
-        } else if (spec.quality >= 0) {
+        } else if (request.quality >= 0) {
             int mode = SF_BITRATE_MODE_VARIABLE;
-            double level = 1.0 - std::min(spec.quality, 10) / 10.0;
+            double level = 1.0 - std::min(request.quality, 10) / 10.0;
             sf_command(sf_, SFC_SET_BITRATE_MODE, &mode, sizeof mode);
             sf_command(sf_, SFC_SET_COMPRESSION_LEVEL, &level, sizeof level);
         }
         return;
     }
-    if ((format_.container == AUDIO_CONTAINER_FLAC) && spec.quality >= 0) {
-        double level = std::min(spec.quality, 8) / 8.0;
+    if ((format_.container == AUDIO_CONTAINER_FLAC) && request.quality >= 0) {
+        double level = std::min(request.quality, 8) / 8.0;
         sf_command(sf_, SFC_SET_COMPRESSION_LEVEL, &level, sizeof level);
     }
 }
@@ -904,19 +904,19 @@ bool SndfileWriter::writeEmptyFlac()
 namespace sova::audio {
 
 std::unique_ptr<Reader> openSndfileReader(
-    _HFile* io, const std::string& path, const FormatSpec& spec)
+    _HFile* io, const std::string& path, const FormatRequest& request)
 {
     auto reader = std::make_unique<SndfileReader>(io, path);
-    if (!reader->open(spec))
+    if (!reader->open(request))
         return nullptr;
     return reader;
 }
 
 std::unique_ptr<Writer> openSndfileWriter(
-    _HFile* io, const std::string& path, const FormatSpec& spec, const _audio_format& fmt)
+    _HFile* io, const std::string& path, const FormatRequest& request, const _audio_format& fmt)
 {
     auto writer = std::make_unique<SndfileWriter>(io, path);
-    if (!writer->open(spec, fmt))
+    if (!writer->open(request, fmt))
         return nullptr;
     return writer;
 }

@@ -12,7 +12,7 @@
 //            quality                     0..10
 //            endian                      little|big
 //            dither                      none|rectangular|triangular
-//            Keys in any case; other keys are left to the backends (spec.options).
+//            Keys in any case; other keys are left to the backends (request.options).
 #include "backend.h"
 
 #include <sova/blstring.h>
@@ -89,9 +89,9 @@ bool readWord(const char* options, const char* key, std::string& word, const cha
 
 } // namespace
 
-bool parseFormatString(const char* text, FormatSpec& spec)
+bool parseFormatString(const char* text, FormatRequest& request)
 {
-    spec = FormatSpec();
+    request = FormatRequest();
     if (!text)
         return true;
     const std::string all = trimmed(text);
@@ -107,31 +107,31 @@ bool parseFormatString(const char* text, FormatSpec& spec)
             return false;
         }
         name = trimmed(all.substr(0, open));
-        spec.options = all.substr(open + 1, all.size() - open - 2);
+        request.options = all.substr(open + 1, all.size() - open - 2);
     } else if (all.find(']') != std::string::npos) {
         setError(AUDIOERR_UNKNOWN_FORMAT, "format '%s': ']' without '['", text);
         return false;
     }
 
-    spec.name = lowered(name);
-    if (!spec.name.empty()) {
-        spec.container = AUDIODEF_ContainerFromName(spec.name.c_str());
-        spec.coder = AUDIODEF_CodecFromName(spec.name.c_str());
-        if (spec.container == 0 && spec.coder == 0) {
+    request.name = lowered(name);
+    if (!request.name.empty()) {
+        request.container = AUDIODEF_ContainerFromName(request.name.c_str());
+        request.coder = AUDIODEF_CodecFromName(request.name.c_str());
+        if (request.container == 0 && request.coder == 0) {
             setError(AUDIOERR_UNKNOWN_FORMAT, "format '%s': unknown format name '%s'", text,
                      name.c_str());
             return false;
         }
     }
 
-    const char* options = spec.options.c_str();
-    if (!readInteger(options, {"sr", "samplerate", "rate"}, 10, 500000, &spec.sampleRate, text)
-        || !readInteger(options, {"nch", "nc", "channels"}, 1, 8, &spec.numChannels, text)
-        || !readInteger(options, {"nbits", "resolution"}, 4, 64, &spec.bitsPerSample, text)
-        || !readInteger(options, {"kbps", "bitrate"}, 1, 3200, &spec.kbps, text)
-        || !readInteger(options, {"quality"}, 0, 10, &spec.quality, text))
+    const char* options = request.options.c_str();
+    if (!readInteger(options, {"sr", "samplerate", "rate"}, 10, 500000, &request.sampleRate, text)
+        || !readInteger(options, {"nch", "nc", "channels"}, 1, 8, &request.numChannels, text)
+        || !readInteger(options, {"nbits", "resolution"}, 4, 64, &request.bitsPerSample, text)
+        || !readInteger(options, {"kbps", "bitrate"}, 1, 3200, &request.kbps, text)
+        || !readInteger(options, {"quality"}, 0, 10, &request.quality, text))
         return false;
-    switch (spec.bitsPerSample) {
+    switch (request.bitsPerSample) {
     case 0: case 4: case 8: case 16: case 24: case 32: case 64:
         break;
     default:
@@ -150,16 +150,16 @@ bool parseFormatString(const char* text, FormatSpec& spec)
                      word.c_str());
             return false;
         }
-        spec.coder = coder;
+        request.coder = coder;
     }
 
     word.clear();
     if (!readWord(options, "endian", word, text))
         return false;
     if (word == "little") {
-        spec.endian = 1;
+        request.endian = 1;
     } else if (word == "big") {
-        spec.endian = 2;
+        request.endian = 2;
     } else if (!word.empty()) {
         setError(AUDIOERR_INVALID_FORMAT, "format '%s': endian must be little or big", text);
         return false;
@@ -169,8 +169,8 @@ bool parseFormatString(const char* text, FormatSpec& spec)
     if (!readWord(options, "dither", word, text))
         return false;
     if (!word.empty()) {
-        spec.dither = AUDIODITHER_KindFromString(word.c_str());
-        if (spec.dither < 0) {
+        request.dither = AUDIODITHER_KindFromString(word.c_str());
+        if (request.dither < 0) {
             setError(AUDIOERR_INVALID_FORMAT,
                      "format '%s': dither must be none, rectangular or triangular", text);
             return false;
