@@ -83,6 +83,8 @@ std::unique_ptr<Reader> openFfmpegReader(
     _HFile* io, const std::string& path, const FormatRequest& request);
 std::unique_ptr<Writer> openFfmpegWriter(_HFile* io, const std::string& path,
     const FormatRequest& request, const _audio_format& fmt, const char* metadata);
+// Turns FFmpeg's own log off, once per process: its reasons reach callers as error messages.
+void quietFfmpegLogs();
 // True when the backend writes this container/codec pair (coder 0 = container default).
 bool sndfileWrites(uint32_t container, uint32_t coder);
 bool ffmpegWrites(uint32_t container, uint32_t coder);

@@ -260,6 +260,7 @@ struct _AUDIODECODER
             setError(AUDIOERR_UNSUPPORTED, "no %s decoder in this build", kindName(kind));
             return false;
         }
+        quietFfmpegLogs();
         parser = av_parser_init(decoder->id);
         codec = avcodec_alloc_context3(decoder);
         packet = av_packet_alloc();

@@ -28,6 +28,7 @@ extern "C" {
 #include <vector>
 
 namespace sova::audio {
+
 namespace {
 
     constexpr int kIoBufferSize = 64 * 1024;
@@ -1231,6 +1232,11 @@ bool ffmpegWrites(uint32_t container, uint32_t coder)
     quietLogs();
     const Target* target = targetOf(container, coder);
     return target && encoderOf(*target) && av_guess_format(target->muxer, nullptr, nullptr);
+}
+
+void quietFfmpegLogs()
+{
+    quietLogs();
 }
 
 } // namespace sova::audio
