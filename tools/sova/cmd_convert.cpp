@@ -23,7 +23,8 @@ int positiveOption(const QCommandLineParser& parser, const QCommandLineOption& o
 using Db = QSovaFormatDatabase;
 
 // A writer tag of the catalogue with the name of its file type ("MP3").
-struct Writer {
+struct Writer
+{
     QString typeName;
     Db::Filter filter;
     Db::Tag tag;
@@ -48,7 +49,7 @@ QList<Writer> writersFor(const QString& formatString, const QString& target)
     for (const Db::Filter& filter : filters) {
         const bool listsWord = filter.extensions().contains(word, Qt::CaseInsensitive);
         for (const Db::Tag& tag : filter.writerTags()) {
-            const Writer writer{filter.name(), filter, tag};
+            const Writer writer {filter.name(), filter, tag};
             if (!formatString.isEmpty() && tag.formatTag() == formatString.trimmed())
                 exact << writer;
             if (tag.formatTag().section(QLatin1Char('['), 0, 0).toLower() == word)
@@ -79,8 +80,7 @@ QString numberList(QList<int> values, const QString& unit)
 // looks only at the writers that passed the ones before. origin says where a value came from
 // ("the source has", "--channels asks for").
 QString refusal(const QList<Writer>& writers, const QSovaAudioFormat& format, bool checkBits,
-                const QString& channelsOrigin, const QString& rateOrigin,
-                const QString& bitsOrigin)
+    const QString& channelsOrigin, const QString& rateOrigin, const QString& bitsOrigin)
 {
     if (writers.isEmpty())
         return QString();
@@ -100,8 +100,8 @@ QString refusal(const QList<Writer>& writers, const QSovaAudioFormat& format, bo
     }
     const int n = format.numChannels();
     if (passed.isEmpty()) {
-        const int most =
-            channels.isEmpty() ? 0 : *std::max_element(channels.begin(), channels.end());
+        const int most
+            = channels.isEmpty() ? 0 : *std::max_element(channels.begin(), channels.end());
         const QString holds = most >= n ? numberList(channels, QStringLiteral(" channels"))
             : most == 1                 ? QStringLiteral("at most 1 channel")
                                         : QStringLiteral("at most %1 channels").arg(most);
@@ -214,11 +214,11 @@ int runConvert(const QStringList& arguments)
     // Refuse early, and with a plain reason, what the catalogue says the target cannot hold
     // (an unreadable source is left to the conversion to report).
     if (sourceRead) {
-        const QString reason = refusal(writersFor(parser.value(formatOption), target), planned,
-            bits > 0,
-            channels ? QStringLiteral("--channels asks for") : QStringLiteral("the source has"),
-            rate ? QStringLiteral("--rate asks for") : QStringLiteral("the source is at"),
-            QStringLiteral("--bits asks for"));
+        const QString reason
+            = refusal(writersFor(parser.value(formatOption), target), planned, bits > 0,
+                channels ? QStringLiteral("--channels asks for") : QStringLiteral("the source has"),
+                rate ? QStringLiteral("--rate asks for") : QStringLiteral("the source is at"),
+                QStringLiteral("--bits asks for"));
         if (!reason.isEmpty())
             return fail("convert", reason);
     }
@@ -240,7 +240,7 @@ int runConvert(const QStringList& arguments)
 
 } // namespace
 
-const Command convertCommand = {"convert", "Convert an audio file into another format.",
+const Command convertCommand = {"convert", "Convert an audio file into another format",
     "[--format STRING] [--rate HZ] [--channels N] [--bits N] IN OUT",
     "OUT's format comes from --format (e.g. flac[nbits=24], mp3[kbps=192], m4a) or else from\n"
     "its extension. Rate and channels are converted when asked for (high-quality resampling;\n"

@@ -113,7 +113,7 @@ int runDecode(const QStringList& arguments)
 
 } // namespace
 
-const Command decodeCommand = {"decode", "Decode an encoded stream into an audio file.",
+const Command decodeCommand = {"decode", "Decode an encoded stream into an audio file",
     "[--codec AAC|MP3|FLAC] STREAM OUT",
     "STREAM is a bare stream of one codec: ADTS AAC frames, MPEG audio frames or a native FLAC\n"
     "stream. The codec comes from --codec or STREAM's extension (.aac, .mp3, .flac). The\n"

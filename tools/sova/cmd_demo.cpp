@@ -372,7 +372,7 @@ int runDemo(const QStringList& arguments)
 } // namespace
 
 const Command demoCommand = {"demo",
-    "Write a test signal in every format and check what comes back.", "[DIR]",
+    "Write a test signal in every format and check what comes back", "[DIR]",
     "Generates 3 s of stereo (tones, a sweep, noise bursts), writes it in each format the engine\n"
     "writes, reads each file back and prints the format, codec, file size and round trip:\n"
     "'exact' for lossless formats, the signal-to-noise ratio for lossy ones. The exit status is\n"

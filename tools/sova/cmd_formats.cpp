@@ -46,15 +46,15 @@ QString channelsText(const QList<int>& channels)
 int runFormats(const QStringList& arguments)
 {
     QCommandLineParser parser;
-    const QCommandLineOption readOption(QStringLiteral("read"),
-                                        QStringLiteral("Only what can be read."));
-    const QCommandLineOption writeOption(QStringLiteral("write"),
-                                         QStringLiteral("Only what can be written."));
+    const QCommandLineOption readOption(
+        QStringLiteral("read"), QStringLiteral("Only what can be read."));
+    const QCommandLineOption writeOption(
+        QStringLiteral("write"), QStringLiteral("Only what can be written."));
     const QCommandLineOption formatOption({QStringLiteral("f"), QStringLiteral("format")},
         QStringLiteral("Only tags that take this format (sr=48000,nc=6,nbits=24)."),
         QStringLiteral("FORMAT"));
-    const QCommandLineOption dialogOption(QStringLiteral("dialog"),
-                                          QStringLiteral("Print the file-dialog filter lines."));
+    const QCommandLineOption dialogOption(
+        QStringLiteral("dialog"), QStringLiteral("Print the file-dialog filter lines."));
     parser.addOptions({readOption, writeOption, formatOption, dialogOption});
     const int status = parseCommand(formatsCommand, parser, arguments, 0, QString(), 0);
     if (status >= 0)
@@ -66,8 +66,8 @@ int runFormats(const QStringList& arguments)
     const QSovaAudioFormat format(parser.value(formatOption));
     if (withFormat && (format.sampleRate() <= 0 || format.numChannels() <= 0))
         return usageError("formats",
-                          QStringLiteral("--format needs a rate and channels, e.g. "
-                                         "sr=48000,nc=2,nbits=16"));
+            QStringLiteral("--format needs a rate and channels, e.g. "
+                           "sr=48000,nc=2,nbits=16"));
 
     QList<Db::Operation> operations;
     if (!parser.isSet(writeOption))
@@ -126,13 +126,12 @@ int runFormats(const QStringList& arguments)
               << filter.extensions().join(QLatin1Char(' ')) << ')' << Qt::endl;
         for (int i = 0; i < tags.size(); ++i) {
             const Db::Tag& tag = tags.at(i);
-            out() << "  " << directions.at(i) << "  " << tag.formatTag().leftJustified(24)
-                  << ' ' << tag.description() << Qt::endl
+            out() << "  " << directions.at(i) << "  " << tag.formatTag().leftJustified(24) << ' '
+                  << tag.description() << Qt::endl
                   << "        rates " << ratesText(tag.supportedSampleRates()) << "  channels "
                   << channelsText(tag.supportedNumChannels()) << "  bits "
-                  << (tag.supportedResolutions().isEmpty()
-                          ? QStringLiteral("-")
-                          : joinInts(tag.supportedResolutions()))
+                  << (tag.supportedResolutions().isEmpty() ? QStringLiteral("-")
+                                                           : joinInts(tag.supportedResolutions()))
                   << Qt::endl;
             ++listed;
         }
@@ -144,7 +143,7 @@ int runFormats(const QStringList& arguments)
 
 } // namespace
 
-const Command formatsCommand = {"formats", "List the file formats the engine reads and writes.",
+const Command formatsCommand = {"formats", "List the file formats the engine reads and writes",
     "[--read | --write] [--format sr=RATE,nc=CHANNELS,nbits=BITS] [--dialog]",
     "One block per file type: its name, description and extensions, then each encoding with\n"
     "its direction (r read, w write), the format string that names it for convert --format,\n"

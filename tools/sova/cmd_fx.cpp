@@ -120,7 +120,7 @@ int runFx(const QStringList& arguments)
 
 } // namespace
 
-const Command fxCommand = {"fx", "Put an audio file through a chain of effects.",
+const Command fxCommand = {"fx", "Put an audio file through a chain of effects",
     "--chain TEXT [--format STRING] IN OUT",
     "The chain is a list of effects separated by ';', each with its options in brackets:\n"
     "gain[db=D], resample[sr=HZ], mix[nch=N], highpass[fc=HZ,order=2|4],\n"

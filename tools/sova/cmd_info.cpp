@@ -108,7 +108,7 @@ int runInfo(const QStringList& arguments)
 } // namespace
 
 const Command infoCommand
-    = {"info", "Show the format, length and bit rate of audio files.", "[--format STRING] FILE...",
+    = {"info", "Show the format, length and bit rate of audio files", "[--format STRING] FILE...",
         "One block per file: container, mime type, codec, rate, channels, resolution, duration,\n"
         "frames and bit rate. A file that cannot be read gets an error line on standard error and\n"
         "makes the exit status 1; the other files are still shown.",

@@ -38,9 +38,9 @@ int runIni(const QStringList& arguments)
     QCommandLineParser parser;
     parser.addPositionalArgument(QStringLiteral("file"), QStringLiteral("The ini file."));
     parser.addPositionalArgument(QStringLiteral("section"), QStringLiteral("A section."),
-                                 QStringLiteral("[SECTION [KEY [VALUE]]]"));
-    const int status = parseCommand(iniCommand, parser, arguments, 1,
-                                    QStringLiteral("needs an ini file"), 4);
+        QStringLiteral("[SECTION [KEY [VALUE]]]"));
+    const int status
+        = parseCommand(iniCommand, parser, arguments, 1, QStringLiteral("needs an ini file"), 4);
     if (status >= 0)
         return status;
     const QStringList positional = parser.positionalArguments();
@@ -85,16 +85,15 @@ int runIni(const QStringList& arguments)
     }
     const QString key = positional.at(2);
     if (!ini.contains(section, key))
-        return fail("ini", QStringLiteral("no key '%1' in section '%2' of '%3'")
-                               .arg(key, section, file));
+        return fail(
+            "ini", QStringLiteral("no key '%1' in section '%2' of '%3'").arg(key, section, file));
     out() << text(ini.value(section, key)) << Qt::endl;
     return ExitOk;
 }
 
 } // namespace
 
-const Command iniCommand = {
-    "ini", "Show or change an ini file", "FILE [SECTION [KEY [VALUE]]]",
+const Command iniCommand = {"ini", "Show or change an ini file", "FILE [SECTION [KEY [VALUE]]]",
     "With FILE alone, prints every section and key; with SECTION, that section's keys;\n"
     "with KEY, its value; with VALUE, sets it (integers, numbers and true/false keep their\n"
     "type, anything else is text) and saves the file atomically, creating it if needed.\n"

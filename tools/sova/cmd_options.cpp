@@ -9,7 +9,7 @@ namespace {
 
 // A reader shows a value only when two different defaults give the same answer: otherwise the
 // key is absent or its value does not convert, and the reader fell back to its default.
-template<typename T, typename Reader>
+template <typename T, typename Reader>
 QString scalar(Reader read, const QString& options, const QString& key, T a, T b)
 {
     const T first = read(options, key, a);
@@ -31,10 +31,10 @@ int runOptions(const QStringList& arguments)
 {
     QCommandLineParser parser;
     parser.addPositionalArgument(QStringLiteral("string"), QStringLiteral("The option string."));
-    parser.addPositionalArgument(QStringLiteral("key"), QStringLiteral("Keys to read."),
-                                 QStringLiteral("KEY..."));
-    const int status = parseCommand(optionsCommand, parser, arguments, 2,
-                                    QStringLiteral("needs an option string and a key"));
+    parser.addPositionalArgument(
+        QStringLiteral("key"), QStringLiteral("Keys to read."), QStringLiteral("KEY..."));
+    const int status = parseCommand(
+        optionsCommand, parser, arguments, 2, QStringLiteral("needs an option string and a key"));
     if (status >= 0)
         return status;
     const QStringList positional = parser.positionalArguments();
@@ -83,8 +83,7 @@ int runOptions(const QStringList& arguments)
 
 } // namespace
 
-const Command optionsCommand = {
-    "options", "Show how an option string's keys read", "STRING KEY...",
+const Command optionsCommand = {"options", "Show how an option string's keys read", "STRING KEY...",
     "Prints, for each KEY, the value of STRING's item as text, integer, double, boolean,\n"
     "vector and matrix; '-' where the value does not read as that type (or the key is\n"
     "absent, or the vector empty).\n"

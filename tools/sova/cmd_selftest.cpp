@@ -10,8 +10,8 @@ namespace {
 int runSelftest(const QStringList& arguments)
 {
     QCommandLineParser parser;
-    const QCommandLineOption verboseOption({QStringLiteral("v"), QStringLiteral("verbose")},
-                                           QStringLiteral("Show each step."));
+    const QCommandLineOption verboseOption(
+        {QStringLiteral("v"), QStringLiteral("verbose")}, QStringLiteral("Show each step."));
     parser.addOption(verboseOption);
     const int status = parseCommand(selftestCommand, parser, arguments, 0, QString(), 0);
     if (status >= 0)
@@ -36,6 +36,5 @@ int runSelftest(const QStringList& arguments)
 
 } // namespace
 
-const Command selftestCommand = {
-    "selftest", "Run the library's built-in self tests", "[--verbose]",
+const Command selftestCommand = {"selftest", "Run the library's built-in self tests", "[--verbose]",
     "Prints PASS or FAIL for each self test; the exit status is 1 when one fails.", runSelftest};

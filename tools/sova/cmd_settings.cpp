@@ -12,34 +12,32 @@ const char kSystemFile[] = "/etc/sova/settings.conf";
 QString defaultUserFile()
 {
     return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation)
-           + QStringLiteral("/sova/settings.conf");
+        + QStringLiteral("/sova/settings.conf");
 }
 
 int runSettings(const QStringList& arguments)
 {
     QCommandLineParser parser;
     const QCommandLineOption fileOption(QStringLiteral("file"),
-                                        QStringLiteral("Settings file to use."),
-                                        QStringLiteral("path"), defaultUserFile());
+        QStringLiteral("Settings file to use."), QStringLiteral("path"), defaultUserFile());
     parser.addOption(fileOption);
     parser.addPositionalArgument(QStringLiteral("action"), QStringLiteral("list, get, set, reset"));
     const int status = parseCommand(settingsCommand, parser, arguments, 1,
-                                    QStringLiteral("needs an action: list, get, set or reset"));
+        QStringLiteral("needs an action: list, get, set or reset"));
     if (status >= 0)
         return status;
     const QStringList positional = parser.positionalArguments();
     const QString action = positional.first();
     const QString file = parser.value(fileOption);
 
-    struct Form {
+    struct Form
+    {
         const char* action;
         int arguments;
         const char* usage;
     };
-    static const Form forms[] = {{"list", -1, "list [PREFIX]"},
-                                 {"get", 1, "get KEY"},
-                                 {"set", 2, "set KEY VALUE"},
-                                 {"reset", 1, "reset KEY"}};
+    static const Form forms[] = {{"list", -1, "list [PREFIX]"}, {"get", 1, "get KEY"},
+        {"set", 2, "set KEY VALUE"}, {"reset", 1, "reset KEY"}};
     const Form* form = nullptr;
     for (const Form& f : forms) {
         if (action == QLatin1String(f.action))
@@ -49,8 +47,8 @@ int runSettings(const QStringList& arguments)
         return usageError("settings", QStringLiteral("unknown action '%1'").arg(action));
     const int given = positional.size() - 1;
     if ((form->arguments < 0 && given > 1) || (form->arguments >= 0 && given != form->arguments))
-        return usageError("settings",
-                          QStringLiteral("usage: sova settings %1").arg(QLatin1String(form->usage)));
+        return usageError(
+            "settings", QStringLiteral("usage: sova settings %1").arg(QLatin1String(form->usage)));
 
     QFileInfo info(file);
     if (info.exists() && !info.isReadable())
@@ -74,14 +72,15 @@ int runSettings(const QStringList& arguments)
     if (action == QLatin1String("set")) {
         done = settings.change(key, positional.at(2));
         if (!done)
-            return fail("settings", QStringLiteral("'%1' is not a valid key (letters, digits "
-                                                    "and \"._-\")")
-                                        .arg(key));
+            return fail("settings",
+                QStringLiteral("'%1' is not a valid key (letters, digits "
+                               "and \"._-\")")
+                    .arg(key));
     } else {
         done = settings.reset(key);
         if (!done)
-            return fail("settings", QStringLiteral("'%1' has no value of its own in '%2'")
-                                        .arg(key, file));
+            return fail(
+                "settings", QStringLiteral("'%1' has no value of its own in '%2'").arg(key, file));
     }
     if (!QDir().mkpath(QFileInfo(file).absolutePath()))
         return fail("settings", QStringLiteral("cannot create the folder of '%1'").arg(file));
@@ -92,16 +91,16 @@ int runSettings(const QStringList& arguments)
 
 } // namespace
 
-const Command settingsCommand = {
-    "settings", "List, read and change the user's settings", "[--file PATH] ACTION ...",
-    "Actions:\n"
-    "  list [PREFIX]    every setting (value or default) whose key starts with PREFIX\n"
-    "  get KEY          the setting's text\n"
-    "  set KEY VALUE    give KEY a value of its own\n"
-    "  reset KEY        return KEY to its default\n"
-    "\n"
-    "The user's settings live in $XDG_CONFIG_HOME/sova/settings.conf (by default\n"
-    "~/.config/sova/settings.conf), one 'key = value' a line; --file names another file.\n"
-    "Defaults are read from /etc/sova/settings.conf when it exists. Changes are written\n"
-    "atomically: a crash leaves the old file or the new one.",
-    runSettings};
+const Command settingsCommand
+    = {"settings", "List, read and change the user's settings", "[--file PATH] ACTION ...",
+        "Actions:\n"
+        "  list [PREFIX]    every setting (value or default) whose key starts with PREFIX\n"
+        "  get KEY          the setting's text\n"
+        "  set KEY VALUE    give KEY a value of its own\n"
+        "  reset KEY        return KEY to its default\n"
+        "\n"
+        "The user's settings live in $XDG_CONFIG_HOME/sova/settings.conf (by default\n"
+        "~/.config/sova/settings.conf), one 'key = value' a line; --file names another file.\n"
+        "Defaults are read from /etc/sova/settings.conf when it exists. Changes are written\n"
+        "atomically: a crash leaves the old file or the new one.",
+        runSettings};

@@ -174,7 +174,7 @@ int runSpectrum(const QStringList& arguments)
 } // namespace
 
 const Command spectrumCommand
-    = {"spectrum", "Show, tabulate or draw the average power spectrum of a file.",
+    = {"spectrum", "Show, tabulate or draw the average power spectrum of a file",
         "[--selection BEGIN-END]... [--fft N] [--step N] [--window NAME] [--channel N] "
         "[--csv OUT] [--png OUT] [--format STRING] FILE",
         "Cuts the whole file, or the selections given (seconds, e.g. --selection 1.5-3, taken one\n"

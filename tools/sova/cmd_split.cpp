@@ -134,13 +134,13 @@ int runJoin(const QStringList& arguments)
 } // namespace
 
 const Command splitCommand = {"split",
-    "Write each channel of an audio file into a mono file of its own.", "[--format NAME] IN OUT...",
+    "Write each channel of an audio file into a mono file of its own", "[--format NAME] IN OUT...",
     "The first OUT gets channel 1, the next channel 2, and so on; the files keep IN's sample\n"
     "rate. Names beyond IN's channel count are not written; channels beyond the names are\n"
     "dropped.",
     runSplit};
 
-const Command joinCommand = {"join", "Join audio files into one file with a channel for each.",
+const Command joinCommand = {"join", "Join audio files into one file with a channel for each",
     "[--format NAME] IN... OUT",
     "Each IN becomes one channel of OUT, in order, at the rate of the first IN: inputs at other\n"
     "rates are resampled and multichannel inputs mixed down to mono. Shorter inputs are padded\n"

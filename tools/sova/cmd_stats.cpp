@@ -155,7 +155,7 @@ int runStats(const QStringList& arguments)
 } // namespace
 
 const Command statsCommand
-    = {"stats", "Show the peak, RMS, DC offset and A-weighted RMS of each channel.",
+    = {"stats", "Show the peak, RMS, DC offset and A-weighted RMS of each channel",
         "[--selection BEGIN-END]... [--format STRING] FILE",
         "Measures the whole file, or the selections given (seconds, e.g. --selection 1.5-3;\n"
         "repeatable; a selection reaching past the end is cut there, with a warning). Levels are\n"

@@ -84,7 +84,7 @@ int runVad(const QStringList& arguments)
 
 } // namespace
 
-const Command vadCommand = {"vad", "Find the speech in an audio file.",
+const Command vadCommand = {"vad", "Find the speech in an audio file",
     "[--params TEXT] [--labels OUT] FILE",
     "Runs the voice activity detector over the mean of FILE's channels, 20 ms at a time, and\n"
     "prints each speech segment as 'begin<TAB>end' in seconds (3 decimals), one per line.\n"

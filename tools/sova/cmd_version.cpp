@@ -19,5 +19,5 @@ int runVersion(const QStringList& arguments)
 
 } // namespace
 
-const Command versionCommand = {
-    "version", "Show the versions of sova, its library and Qt", "", "", runVersion};
+const Command versionCommand
+    = {"version", "Show the versions of sova, its library and Qt", "", "", runVersion};

@@ -22,8 +22,7 @@ int runWindows(const QStringList& arguments)
 
 } // namespace
 
-const Command windowsCommand = {
-    "windows", "List the analysis windows of the spectrum analyser", "",
+const Command windowsCommand = {"windows", "List the analysis windows of the spectrum analyser", "",
     "Prints each window's number and name, as 'wintype' takes them in an analyser's\n"
     "configuration (fftlen=1024,wintype=hann,...).",
     runWindows};
