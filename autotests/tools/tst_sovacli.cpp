@@ -24,28 +24,36 @@ private:
                 QString::fromUtf8(process.readAllStandardError())};
     }
 
+    // Writes a 16-bit PCM WAV of interleaved samples.
+    static void writePcmWav(const QString& path, int rate, int channels,
+                            const QVector<qint16>& samples)
+    {
+        QByteArray file;
+        QDataStream s(&file, QIODevice::WriteOnly);
+        s.setByteOrder(QDataStream::LittleEndian);
+        const quint32 bytes = quint32(samples.size()) * 2;
+        s.writeRawData("RIFF", 4);
+        s << quint32(36 + bytes);
+        s.writeRawData("WAVEfmt ", 8);
+        s << quint32(16) << quint16(1) << quint16(channels) << quint32(rate)
+          << quint32(rate * channels * 2) << quint16(channels * 2) << quint16(16);
+        s.writeRawData("data", 4);
+        s << bytes;
+        for (qint16 v : samples)
+            s << v;
+        QFile f(path);
+        QVERIFY(f.open(QIODevice::WriteOnly));
+        f.write(file);
+    }
+
     // A 16-bit PCM WAV of frames frames; channel c of frame i holds (i * (c + 1)) % 20000.
     static void writeWav(const QString& path, int rate, int channels, int frames)
     {
-        QByteArray data;
-        QDataStream s(&data, QIODevice::WriteOnly);
-        s.setByteOrder(QDataStream::LittleEndian);
+        QVector<qint16> samples;
         for (int i = 0; i < frames; ++i)
             for (int c = 0; c < channels; ++c)
-                s << qint16((i * (c + 1)) % 20000);
-        QByteArray header;
-        QDataStream h(&header, QIODevice::WriteOnly);
-        h.setByteOrder(QDataStream::LittleEndian);
-        h.writeRawData("RIFF", 4);
-        h << quint32(36 + data.size());
-        h.writeRawData("WAVEfmt ", 8);
-        h << quint32(16) << quint16(1) << quint16(channels) << quint32(rate)
-          << quint32(rate * channels * 2) << quint16(channels * 2) << quint16(16);
-        h.writeRawData("data", 4);
-        h << quint32(data.size());
-        QFile f(path);
-        QVERIFY(f.open(QIODevice::WriteOnly));
-        f.write(header + data);
+                samples << qint16((i * (c + 1)) % 20000);
+        writePcmWav(path, rate, channels, samples);
     }
 
     // The 16-bit samples of a WAV's data chunk.
@@ -334,26 +342,12 @@ private:
                       double silenceSeconds = 0.0)
     {
         const int rate = 48000;
-        QByteArray data;
-        QDataStream s(&data, QIODevice::WriteOnly);
-        s.setByteOrder(QDataStream::LittleEndian);
+        QVector<qint16> samples;
         for (int i = 0; i < int((toneSeconds + silenceSeconds) * rate); ++i) {
             const double v = i < toneSeconds * rate ? dc + a * std::sin(2 * M_PI * f * i / rate) : 0.0;
-            s << qint16(std::lround(v * 32767.0));
+            samples << qint16(std::lround(v * 32767.0));
         }
-        QByteArray header;
-        QDataStream h(&header, QIODevice::WriteOnly);
-        h.setByteOrder(QDataStream::LittleEndian);
-        h.writeRawData("RIFF", 4);
-        h << quint32(36 + data.size());
-        h.writeRawData("WAVEfmt ", 8);
-        h << quint32(16) << quint16(1) << quint16(1) << quint32(rate) << quint32(rate * 2)
-          << quint16(2) << quint16(16);
-        h.writeRawData("data", 4);
-        h << quint32(data.size());
-        QFile file(path(name));
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(header + data);
+        writePcmWav(path(name), rate, 1, samples);
     }
 
     void writeToneFiles()
@@ -601,24 +595,10 @@ private:
     // A mono 16-bit WAV of the samples (+-1.0) at rate.
     void writeMonoWav(const char* name, int rate, const QVector<float>& samples)
     {
-        QByteArray data;
-        QDataStream s(&data, QIODevice::WriteOnly);
-        s.setByteOrder(QDataStream::LittleEndian);
+        QVector<qint16> pcm;
         for (float v : samples)
-            s << qint16(std::lround(v * 32767.0));
-        QByteArray header;
-        QDataStream h(&header, QIODevice::WriteOnly);
-        h.setByteOrder(QDataStream::LittleEndian);
-        h.writeRawData("RIFF", 4);
-        h << quint32(36 + data.size());
-        h.writeRawData("WAVEfmt ", 8);
-        h << quint32(16) << quint16(1) << quint16(1) << quint32(rate) << quint32(rate * 2)
-          << quint16(2) << quint16(16);
-        h.writeRawData("data", 4);
-        h << quint32(data.size());
-        QFile file(path(name));
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(header + data);
+            pcm << qint16(std::lround(v * 32767.0));
+        writePcmWav(path(name), rate, 1, pcm);
     }
 
     // silence seconds of silence, then voiced seconds of a vowel-like sound: harmonics of a
