@@ -6,6 +6,7 @@
 #include <sova/audio.h>
 #include <sova/blio.h>
 
+#include <cctype>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -89,6 +90,12 @@ void quietFfmpegLogs();
 bool sndfileWrites(uint32_t container, uint32_t coder);
 bool ffmpegWrites(uint32_t container, uint32_t coder);
 
+// Maps interleaved frames from inChannels to outChannels: a mix-down to mono averages; from
+// mono every channel gets the signal; otherwise out channel i takes in channel i mod
+// inChannels. in and out may be the same buffer only when the counts are equal.
+void mapChannels(
+    const float* in, int32_t inChannels, float* out, int32_t outChannels, int64_t frames);
+
 // Wraps a reader so that it delivers rate `sampleRate` and `numChannels` channels (0 = keep).
 std::unique_ptr<Reader> convertingReader(
     std::unique_ptr<Reader> source, int32_t sampleRate, int32_t numChannels);
@@ -112,6 +119,21 @@ bool hasScheme(const std::string& path);
 // Creates "<dir>/.<name>.sova-XXXXXX" beside a plain target, with the target's mode or the
 // mode a plain create would give; "" with the reason recorded on failure.
 std::string makeTempBeside(const std::string& target);
+
+// Text helpers of the parsers: a lower-cased copy; a copy without surrounding blanks.
+inline std::string lowered(std::string text)
+{
+    for (char& ch : text)
+        ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
+    return text;
+}
+inline std::string trimmed(const std::string& text)
+{
+    const auto first = text.find_first_not_of(" \t\r\n");
+    if (first == std::string::npos)
+        return std::string();
+    return text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
+}
 
 // Records an engine error in the calling thread's slot (printf-style message).
 void setError(int32_t code, const char* format, ...)

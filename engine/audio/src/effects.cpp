@@ -24,6 +24,7 @@
 // takes input in slices so that this held output stays small. Gain, mix and the filters work
 // sample by sample with no delay; the resamplers hold a delay line whose tail comes out when
 // the caller flushes. After a completed flush the path starts afresh with the next input.
+#include "backend.h"
 #include "biquad.h"
 
 #include <sova/audio.h>
@@ -46,6 +47,9 @@ namespace {
 using sova::audio::Biquad;
 using sova::audio::butterworth;
 using sova::audio::kPi;
+using sova::audio::lowered;
+using sova::audio::mapChannels;
+using sova::audio::trimmed;
 
 // Input frames taken per slice: bounds the output held between calls.
 constexpr int64_t kSliceFrames = 8192;
@@ -116,20 +120,7 @@ public:
     bool process(const float* in, int64_t frames, std::vector<float>& out) override
     {
         float* dst = grow(out, frames, outChannels);
-        const int32_t ni = inChannels, no = outChannels;
-        if (no == 1) {
-            const float scale = 1.0f / static_cast<float>(ni);
-            for (int64_t f = 0; f < frames; ++f) {
-                float sum = 0.0f;
-                for (int32_t c = 0; c < ni; ++c)
-                    sum += in[f * ni + c];
-                dst[f] = sum * scale;
-            }
-            return true;
-        }
-        for (int64_t f = 0; f < frames; ++f)
-            for (int32_t c = 0; c < no; ++c)
-                dst[f * no + c] = in[f * ni + c % ni];
+        mapChannels(in, inChannels, dst, outChannels, frames);
         return true;
     }
 };
@@ -267,21 +258,6 @@ private:
 };
 
 // ---- parsing -------------------------------------------------------------------------------
-
-std::string lowered(std::string text)
-{
-    for (char& ch : text)
-        ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
-    return text;
-}
-
-std::string trimmed(const std::string& text)
-{
-    const auto first = text.find_first_not_of(" \t\r\n");
-    if (first == std::string::npos)
-        return std::string();
-    return text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
-}
 
 // Splits at `separator` where it stands outside quotes and brackets.
 std::vector<std::string> splitOutside(const std::string& text, char separator)

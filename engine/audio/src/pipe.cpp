@@ -19,26 +19,6 @@ using namespace sova::audio;
 
 namespace {
 
-// Mix-down to mono averages; mono to N duplicates; otherwise out channel i takes in channel
-// i mod inChannels.
-void mapChannels(
-    const float* in, int32_t inChannels, float* out, int32_t outChannels, int64_t frames)
-{
-    for (int64_t f = 0; f < frames; ++f) {
-        const float* src = in + f * inChannels;
-        float* dst = out + f * outChannels;
-        if (outChannels == 1 && inChannels > 1) {
-            double sum = 0.0;
-            for (int32_t c = 0; c < inChannels; ++c)
-                sum += src[c];
-            dst[0] = static_cast<float>(sum / inChannels);
-        } else {
-            for (int32_t c = 0; c < outChannels; ++c)
-                dst[c] = src[c % inChannels];
-        }
-    }
-}
-
 } // namespace
 
 struct _AUDIOPIPE

@@ -1,6 +1,7 @@
 // Levels of signals: plain RMS over a range, and RMS after a named filter (frequency weightings,
 // Butterworth high- and low-pass, DC removal). The signal is read chunk by chunk through the
 // public reads, so memory stays bounded whatever its length; sums are kept in doubles.
+#include "backend.h"
 #include "biquad.h"
 
 #include <sova/audio.h>
@@ -20,6 +21,8 @@ namespace {
 using sova::audio::Biquad;
 using sova::audio::butterworth;
 using sova::audio::kPi;
+using sova::audio::lowered;
+using sova::audio::trimmed;
 
 constexpr int64_t kChunkFrames = 16384;
 
@@ -77,21 +80,6 @@ struct Transform
     Chain prototype; // copied for each channel, at rest
     bool removeMean = false;
 };
-
-std::string lowered(std::string text)
-{
-    for (char& ch : text)
-        ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
-    return text;
-}
-
-std::string trimmed(const std::string& text)
-{
-    const auto first = text.find_first_not_of(" \t\r\n");
-    if (first == std::string::npos)
-        return std::string();
-    return text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
-}
 
 // Parses "name[options]" into a filter for the rate; false with the reason recorded.
 bool parseTransform(const char* text, double rate, Transform& out)
