@@ -1,5 +1,7 @@
 #include "audiopaths.h"
 
+#include "command.h"
+
 #include <QSova>
 #include <QTextStream>
 
@@ -43,4 +45,14 @@ QString engineFailure(const QString& verb, const QString& path)
         return reason;
     const QString head = QStringLiteral("cannot %1 '%2'").arg(verb, path);
     return reason.isEmpty() ? head : head + QStringLiteral(": ") + reason;
+}
+
+int checkPaths(const char* command, const QStringList& paths)
+{
+    for (const QString& path : paths) {
+        const QString refused = refusedPathReason(path);
+        if (!refused.isEmpty())
+            return fail(command, refused);
+    }
+    return -1;
 }

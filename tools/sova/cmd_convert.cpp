@@ -167,11 +167,9 @@ int runConvert(const QStringList& arguments)
         return status;
     const QString in = parser.positionalArguments().at(0);
     const QString target = parser.positionalArguments().at(1);
-    for (const QString& path : {in, target}) {
-        const QString refused = refusedPathReason(path);
-        if (!refused.isEmpty())
-            return fail("convert", refused);
-    }
+    const int refused = checkPaths("convert", {in, target});
+    if (refused >= 0)
+        return refused;
     const int rate = positiveOption(parser, rateOption);
     const int channels = positiveOption(parser, channelsOption);
     const int bits = positiveOption(parser, bitsOption);

@@ -40,11 +40,9 @@ int runDecode(const QStringList& arguments)
         return status;
     const QString in = parser.positionalArguments().at(0);
     const QString target = parser.positionalArguments().at(1);
-    for (const QString& path : {in, target}) {
-        const QString refused = refusedPathReason(path);
-        if (!refused.isEmpty())
-            return fail("decode", refused);
-    }
+    const int refused = checkPaths("decode", {in, target});
+    if (refused >= 0)
+        return refused;
     const QString codec = codecFor(parser.value(codecOption), in);
     if (codec.isEmpty())
         return usageError("decode",

@@ -35,11 +35,9 @@ int runFx(const QStringList& arguments)
         return usageError("fx", QStringLiteral("needs --chain"));
     const QString in = parser.positionalArguments().at(0);
     const QString target = parser.positionalArguments().at(1);
-    for (const QString& path : {in, target}) {
-        const QString refused = refusedPathReason(path);
-        if (!refused.isEmpty())
-            return fail("fx", refused);
-    }
+    const int refused = checkPaths("fx", {in, target});
+    if (refused >= 0)
+        return refused;
 
     QSovaAudioFile source(in, QString(), QSovaAudioFile::IEEEFloat);
     if (!source.open(QIODevice::ReadOnly))

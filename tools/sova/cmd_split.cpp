@@ -34,16 +34,6 @@ struct QuietDebug
     ~QuietDebug() { qInstallMessageHandler(previous); }
 };
 
-int checkPaths(const char* command, const QStringList& paths)
-{
-    for (const QString& path : paths) {
-        const QString refused = refusedPathReason(path);
-        if (!refused.isEmpty())
-            return fail(command, refused);
-    }
-    return -1;
-}
-
 int runSplit(const QStringList& arguments)
 {
     QCommandLineParser parser;

@@ -30,12 +30,10 @@ int runVad(const QStringList& arguments)
         return status;
     const QString in = parser.positionalArguments().at(0);
     const QString labels = parser.value(labelsOption);
-    for (const QString& path :
-        parser.isSet(labelsOption) ? QStringList {in, labels} : QStringList {in}) {
-        const QString refused = refusedPathReason(path);
-        if (!refused.isEmpty())
-            return fail("vad", refused);
-    }
+    const int refused = checkPaths(
+        "vad", parser.isSet(labelsOption) ? QStringList {in, labels} : QStringList {in});
+    if (refused >= 0)
+        return refused;
 
     QSovaAudioFile file(in, QString(), QSovaAudioFile::IEEEFloat);
     if (!file.open(QIODevice::ReadOnly))
