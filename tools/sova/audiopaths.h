@@ -18,3 +18,15 @@ void showProgress(const QString& label, double fraction, bool done = false);
 
 // The engine's reason for the last failure, naming path: "cannot <verb> 'path': reason".
 QString engineFailure(const QString& verb, const QString& path);
+
+// Checks the paths of an audio command before any work, after checkPaths: "-" reads standard
+// input (at most one input) and writes standard output (at most one output, and only when
+// formatGiven, as nothing else tells its format); an output that is the same file as an input
+// or another output is refused (ExitUsage); each output's directory must exist and take new
+// files, and an output may not be a directory (ExitFailure). Standard input and FIFOs among
+// inputs are then copied once to an unlinked temporary file that inputs is changed to name
+// (messages still show the name given), so that a command may open an input more than once.
+// With standard output among the outputs, what the command prints goes to standard error.
+// Returns -1 to go on, else the exit status.
+int prepareAudioPaths(
+    const char* command, QStringList& inputs, const QStringList& outputs, bool formatGiven);

@@ -165,11 +165,13 @@ int runConvert(const QStringList& arguments)
         QStringLiteral("needs an input and an output file"), 2);
     if (status >= 0)
         return status;
-    const QString in = parser.positionalArguments().at(0);
+    QStringList inputs {parser.positionalArguments().at(0)};
     const QString target = parser.positionalArguments().at(1);
-    const int refused = checkPaths("convert", {in, target});
+    const int refused
+        = prepareAudioPaths("convert", inputs, {target}, parser.isSet(formatOption));
     if (refused >= 0)
         return refused;
+    const QString in = inputs.first();
     const int rate = positiveOption(parser, rateOption);
     const int channels = positiveOption(parser, channelsOption);
     const int bits = positiveOption(parser, bitsOption);

@@ -33,16 +33,20 @@ int runDecode(const QStringList& arguments)
         QStringLiteral("NAME"));
     const QCommandLineOption quietOption(
         {QStringLiteral("q"), QStringLiteral("quiet")}, QStringLiteral("No progress bar."));
-    parser.addOptions({codecOption, quietOption});
+    const QCommandLineOption formatOption({QStringLiteral("f"), QStringLiteral("format")},
+        QStringLiteral("Format string of OUT (default: from its extension)."),
+        QStringLiteral("STRING"));
+    parser.addOptions({codecOption, formatOption, quietOption});
     const int status = parseCommand(decodeCommand, parser, arguments, 2,
         QStringLiteral("needs a stream and an output file"), 2);
     if (status >= 0)
         return status;
-    const QString in = parser.positionalArguments().at(0);
+    QStringList inputs {parser.positionalArguments().at(0)};
     const QString target = parser.positionalArguments().at(1);
-    const int refused = checkPaths("decode", {in, target});
+    const int refused = prepareAudioPaths("decode", inputs, {target}, parser.isSet(formatOption));
     if (refused >= 0)
         return refused;
+    const QString in = inputs.first();
     const QString codec = codecFor(parser.value(codecOption), in);
     if (codec.isEmpty())
         return usageError("decode",
@@ -97,7 +101,7 @@ int runDecode(const QStringList& arguments)
         showProgress(label, 1.0, true);
     if (signal.numSamples() <= 0)
         return fail("decode", QStringLiteral("no audio decoded from '%1'").arg(in));
-    if (!signal.save(target))
+    if (!signal.save(target, parser.value(formatOption)))
         return fail("decode", engineFailure(QStringLiteral("write"), target));
     out() << QStringLiteral("%1: %2 Hz, %3 channels, %4 frames (%5 s)")
                  .arg(codec)
@@ -112,9 +116,9 @@ int runDecode(const QStringList& arguments)
 } // namespace
 
 const Command decodeCommand = {"decode", "Decode an encoded stream into an audio file",
-    "[--codec AAC|MP3|FLAC] STREAM OUT",
+    "[--codec AAC|MP3|FLAC] [--format STRING] STREAM OUT",
     "STREAM is a bare stream of one codec: ADTS AAC frames, MPEG audio frames or a native FLAC\n"
     "stream. The codec comes from --codec or STREAM's extension (.aac, .mp3, .flac). The\n"
     "stream is probed, decoded through a signal pipe 64 KiB at a time and saved as OUT, whose\n"
-    "format comes from its extension.",
+    "format comes from --format or else from its extension.",
     runDecode};

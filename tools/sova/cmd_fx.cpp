@@ -33,11 +33,12 @@ int runFx(const QStringList& arguments)
         return status;
     if (!parser.isSet(chainOption))
         return usageError("fx", QStringLiteral("needs --chain"));
-    const QString in = parser.positionalArguments().at(0);
+    QStringList inputs {parser.positionalArguments().at(0)};
     const QString target = parser.positionalArguments().at(1);
-    const int refused = checkPaths("fx", {in, target});
+    const int refused = prepareAudioPaths("fx", inputs, {target}, parser.isSet(formatOption));
     if (refused >= 0)
         return refused;
+    const QString in = inputs.first();
 
     QSovaAudioFile source(in, QString(), QSovaAudioFile::IEEEFloat);
     if (!source.open(QIODevice::ReadOnly))

@@ -86,12 +86,12 @@ int runInfo(const QStringList& arguments)
     int result = ExitOk;
     bool first = true;
     for (const QString& path : parser.positionalArguments()) {
-        const QString refused = refusedPathReason(path);
-        if (!refused.isEmpty()) {
-            result = fail("info", refused);
+        QStringList read(path);
+        if (prepareAudioPaths("info", read, {}, false) >= 0) {
+            result = ExitFailure;
             continue;
         }
-        QSovaAudioFile file(path, parser.value(formatOption), QSovaAudioFile::IEEEFloat);
+        QSovaAudioFile file(read.first(), parser.value(formatOption), QSovaAudioFile::IEEEFloat);
         if (!file.open(QIODevice::ReadOnly)) {
             result = fail("info", engineFailure(QStringLiteral("read"), path));
             continue;

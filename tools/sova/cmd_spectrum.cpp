@@ -92,10 +92,15 @@ int runSpectrum(const QStringList& arguments)
     if (!parseSelections(parser.values(selectionOption), &selections, &error))
         return usageError("spectrum", error);
 
-    const QString path = parser.positionalArguments().at(0);
-    const QString refused = refusedPathReason(path);
-    if (!refused.isEmpty())
-        return fail("spectrum", refused);
+    QStringList inputs {parser.positionalArguments().at(0)};
+    QStringList outputs;
+    for (const QCommandLineOption& option : {csvOption, pngOption})
+        if (parser.isSet(option))
+            outputs << parser.value(option);
+    const int refused = prepareAudioPaths("spectrum", inputs, outputs, true);
+    if (refused >= 0)
+        return refused;
+    const QString path = inputs.first();
     const QSovaAudioSignal signal(path, parser.value(formatOption));
     if (!signal.isValid())
         return fail("spectrum", engineFailure(QStringLiteral("read"), path));

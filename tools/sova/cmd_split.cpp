@@ -47,11 +47,14 @@ int runSplit(const QStringList& arguments)
     if (status >= 0)
         return status;
     QStringList outputs = parser.positionalArguments();
-    const QString in = outputs.takeFirst();
+    QString in = outputs.takeFirst();
     if (outputs.size() > 8)
         return usageError("split", QStringLiteral("at most 8 output files"));
-    if ((status = checkPaths("split", QStringList(in) + outputs)) >= 0)
+    QStringList inputs(in);
+    if ((status = prepareAudioPaths("split", inputs, outputs, parser.isSet(formatOption())))
+        >= 0)
         return status;
+    in = inputs.first();
 
     QSovaAudioFile probe(in, QString(), QSovaAudioFile::IEEEFloat);
     if (!probe.open(QIODevice::ReadOnly))
@@ -81,6 +84,8 @@ int runSplit(const QStringList& arguments)
     int result = ExitOk;
     for (int i = 0; i < outputs.size(); ++i) {
         const QFileInfo info(outputs.at(i));
+        if (outputs.at(i) == QLatin1String("-") || (info.exists() && !info.isFile()))
+            continue; // a stream or device: its writer reported any failure
         if (!info.exists() || (before.at(i).isValid() && info.lastModified() == before.at(i)))
             result = fail("split", QStringLiteral("cannot write '%1'").arg(outputs.at(i)));
     }
@@ -103,7 +108,8 @@ int runJoin(const QStringList& arguments)
     const QString target = inputs.takeLast();
     if (inputs.size() > 8)
         return usageError("join", QStringLiteral("at most 8 input files"));
-    if ((status = checkPaths("join", inputs + QStringList(target))) >= 0)
+    if ((status = prepareAudioPaths("join", inputs, {target}, parser.isSet(formatOption())))
+        >= 0)
         return status;
     // Name the unreadable input before the library gives up on all of them.
     for (const QString& path : inputs) {

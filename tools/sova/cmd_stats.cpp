@@ -93,10 +93,11 @@ int runStats(const QStringList& arguments)
     if (!parseSelections(parser.values(selectionOption), &selections, &error))
         return usageError("stats", error);
 
-    const QString path = parser.positionalArguments().at(0);
-    const QString refused = refusedPathReason(path);
-    if (!refused.isEmpty())
-        return fail("stats", refused);
+    QStringList inputs {parser.positionalArguments().at(0)};
+    const int refused = prepareAudioPaths("stats", inputs, {}, false);
+    if (refused >= 0)
+        return refused;
+    const QString path = inputs.first();
     const QSovaAudioSignal signal(path, parser.value(formatOption));
     if (!signal.isValid())
         return fail("stats", engineFailure(QStringLiteral("read"), path));

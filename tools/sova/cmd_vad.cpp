@@ -28,12 +28,13 @@ int runVad(const QStringList& arguments)
         = parseCommand(vadCommand, parser, arguments, 1, QStringLiteral("needs an audio file"), 1);
     if (status >= 0)
         return status;
-    const QString in = parser.positionalArguments().at(0);
+    QStringList inputs {parser.positionalArguments().at(0)};
     const QString labels = parser.value(labelsOption);
-    const int refused = checkPaths(
-        "vad", parser.isSet(labelsOption) ? QStringList {in, labels} : QStringList {in});
+    const int refused = prepareAudioPaths(
+        "vad", inputs, parser.isSet(labelsOption) ? QStringList {labels} : QStringList(), true);
     if (refused >= 0)
         return refused;
+    const QString in = inputs.first();
 
     QSovaAudioFile file(in, QString(), QSovaAudioFile::IEEEFloat);
     if (!file.open(QIODevice::ReadOnly))
@@ -72,7 +73,10 @@ int runVad(const QStringList& arguments)
     out().flush();
     if (parser.isSet(labelsOption)) {
         QFile labelFile(labels);
-        if (!labelFile.open(QIODevice::WriteOnly | QIODevice::Truncate)
+        const bool opened = labels == QLatin1String("-")
+            ? labelFile.open(stdout, QIODevice::WriteOnly)
+            : labelFile.open(QIODevice::WriteOnly | QIODevice::Truncate);
+        if (!opened
             || labelFile.write(tracker.segmentLines(true).toUtf8()) < 0 || !labelFile.flush())
             return fail("vad",
                 QStringLiteral("cannot write '%1': %2").arg(labels, labelFile.errorString()));

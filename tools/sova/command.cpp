@@ -1,5 +1,9 @@
 #include "command.h"
 
+#include <QFile>
+#include <QList>
+#include <QPair>
+
 #include <cstdio>
 
 QTextStream& out()
@@ -14,17 +18,47 @@ QTextStream& err()
     return stream;
 }
 
+namespace {
+
+QList<QPair<QString, QString>>& pathAliases()
+{
+    static QList<QPair<QString, QString>> aliases;
+    return aliases;
+}
+
+QString shown(QString message)
+{
+    for (const auto& alias : pathAliases())
+        message.replace(alias.first, alias.second);
+    return message;
+}
+
+} // namespace
+
+void showPathAs(const QString& actual, const QString& shownAs)
+{
+    pathAliases().append({actual, shownAs});
+}
+
+void moveOutputToStandardError()
+{
+    static QFile stream;
+    out().flush();
+    if (stream.open(stderr, QIODevice::WriteOnly | QIODevice::Unbuffered))
+        out().setDevice(&stream);
+}
+
 int fail(const char* command, const QString& message)
 {
     out().flush();
-    err() << "sova: " << command << ": " << message << Qt::endl;
+    err() << "sova: " << command << ": " << shown(message) << Qt::endl;
     return ExitFailure;
 }
 
 int usageError(const char* command, const QString& message)
 {
     out().flush();
-    err() << "sova: " << command << ": " << message << Qt::endl
+    err() << "sova: " << command << ": " << shown(message) << Qt::endl
           << "Try 'sova help " << command << "'." << Qt::endl;
     return ExitUsage;
 }

@@ -27,6 +27,13 @@ int fail(const char* command, const QString& message);
 // Writes the usage error and a pointer to "sova help NAME"; returns ExitUsage.
 int usageError(const char* command, const QString& message);
 
+// From now on fail() and usageError() show actual as shown (a temporary that stands in for
+// standard input, say).
+void showPathAs(const QString& actual, const QString& shown);
+
+// Sends what out() prints to standard error: standard output carries a command's audio.
+void moveOutputToStandardError();
+
 // Prints "Usage: sova NAME USAGE", the summary and the help text.
 void printCommandHelp(const Command& command);
 

@@ -5,6 +5,10 @@
 #include <QCoreApplication>
 #include <QSova>
 #include <qtsovacoreversion.h>
+#include <sova/audio.h>
+
+#include <csignal>
+#include <unistd.h>
 
 namespace {
 
@@ -45,6 +49,28 @@ int showHelp(const QStringList& arguments)
         return usageError("help", QStringLiteral("unknown command '%1'").arg(arguments.first()));
     printCommandHelp(*command);
     return ExitOk;
+}
+
+// Ctrl-C, kill and a closed terminal end the process here: the temporaries of unfinished
+// files go with it, and the status is the shell's 128 + signal.
+extern "C" void onTerminatingSignal(int signal)
+{
+    AUDIO_RemoveTemporaryFiles();
+    _exit(128 + signal);
+}
+
+void removeTemporariesOnSignals()
+{
+    for (int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        struct sigaction action = {};
+        sigaction(signal, nullptr, &action);
+        if (action.sa_handler == SIG_IGN)
+            continue; // started under nohup or in the background: the signal stays ignored
+        action = {};
+        action.sa_handler = onTerminatingSignal;
+        sigemptyset(&action.sa_mask);
+        sigaction(signal, &action, nullptr);
+    }
 }
 
 } // namespace
@@ -93,6 +119,7 @@ int main(int argc, char** argv)
         err() << "sova: the library could not register its I/O handlers" << Qt::endl;
         return ExitFailure;
     }
+    removeTemporariesOnSignals();
     const int status = command->run(arguments);
     out().flush();
     QSova::finalize();

@@ -120,6 +120,25 @@ bool hasScheme(const std::string& path);
 // mode a plain create would give; "" with the reason recorded on failure.
 std::string makeTempBeside(const std::string& target);
 
+// Where a file written to path goes (outputs.cpp). Standard output ("-"), devices, FIFOs and
+// sockets are written in place and never removed (stream); a symbolic link is kept and the
+// file at the end of its chain replaced through a temporary beside it; other schemes are
+// written in place. false (recorded) for a directory or a loop of links.
+struct OutputPlan
+{
+    std::string target; // the file renamed into place (links resolved), or the path itself
+    std::string tempPath; // "" when written in place
+    bool stream = false;
+};
+bool planOutput(const std::string& path, OutputPlan& plan);
+// The registry of temporary files that AUDIO_RemoveTemporaryFiles empties: a temporary is
+// registered while it may be left behind, and released once renamed or removed.
+void registerTemporary(const std::string& path);
+void releaseTemporary(const std::string& path);
+// A temporary file, already unlinked, open for reading and writing: for streams that cannot
+// seek. forPath names the stream in messages. Null (recorded) on failure.
+_HFile* openSpool(const std::string& forPath);
+
 // Text helpers of the parsers: a lower-cased copy; a copy without surrounding blanks.
 inline std::string lowered(std::string text)
 {

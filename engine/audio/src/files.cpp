@@ -226,6 +226,8 @@ struct _AUDIOFILE
     // Writing.
     std::string target; // where the file goes
     std::string tempPath; // "" when written in place
+    bool stream = false; // a standard stream, device, FIFO or socket: never removed
+    _HFile* sink = nullptr; // a stream that cannot seek, given io's content at close
     int64_t written = 0;
     bool failed = false;
     SavedError failure;
@@ -279,6 +281,7 @@ std::string makeTempBeside(const std::string& target)
         ::fchmod(fd, 0666 & ~mask);
     }
     ::close(fd);
+    registerTemporary(temp.data());
     return std::string(temp.data());
 }
 
@@ -353,6 +356,8 @@ void destroy(AUDIOFILE* file)
     file->writer.reset();
     if (file->io)
         BLIO_CloseFile(file->io);
+    if (file->sink)
+        BLIO_CloseFile(file->sink);
     delete file;
 }
 
@@ -427,6 +432,22 @@ AUDIOFILE* openForReading(const char* pathText, const char* format, int64_t star
     if (!file->io) {
         destroy(file);
         return nullptr;
+    }
+    if (!BLIO_IsSeekable(file->io)) {
+        // Readers probe, and some containers keep their index at the end: a pipe is read
+        // whole into a temporary file first (disk, not memory, holds it).
+        _HFile* spool = openSpool(pathText);
+        const bool copied = spool && BLIO_CopyHFileToHFile(file->io, spool) >= 0
+            && BLIO_Seek(spool, 0, BLIO_SEEK_SET);
+        if (!copied) {
+            if (spool)
+                setError(BLERROR_LastCode(), "'%s': %s", pathText, BLERROR_LastMessage());
+            BLIO_CloseFile(spool);
+            destroy(file);
+            return nullptr;
+        }
+        BLIO_CloseFile(file->io);
+        file->io = spool;
     }
     file->reader = openReader(file->io, path, request);
     if (!file->reader) {
@@ -805,21 +826,35 @@ AUDIOFILE* AUDIO_CreateFileEx2(const char* pathText, const char* format, const _
         return nullptr;
     }
     file->path = path;
-    file->target = path;
-    if (!hasScheme(path)) {
-        file->tempPath = makeTempBeside(path);
-        if (file->tempPath.empty()) {
-            delete file;
-            return nullptr;
-        }
-    }
-    const std::string& where = file->tempPath.empty() ? path : file->tempPath;
-    file->io = BLIO_Open(where.c_str(), "w");
-    if (!file->io) {
-        if (!file->tempPath.empty())
-            removeQuietly(file->tempPath);
+    OutputPlan plan;
+    if (!planOutput(path, plan)) {
         delete file;
         return nullptr;
+    }
+    file->target = plan.target;
+    file->tempPath = plan.tempPath;
+    file->stream = plan.stream;
+    const std::string& where = file->tempPath.empty() ? path : file->tempPath;
+    // Streams are opened write-only: a FIFO then waits for its reader, and a reader that goes
+    // away fails the write instead of leaving it blocked.
+    file->io = BLIO_Open(where.c_str(), file->stream ? "wo" : "w");
+    if (!file->io) {
+        if (!file->tempPath.empty()) {
+            removeQuietly(file->tempPath);
+            releaseTemporary(file->tempPath);
+        }
+        delete file;
+        return nullptr;
+    }
+    if (bySndfile && !BLIO_IsSeekable(file->io)) {
+        // libsndfile finishes headers by seeking back: such a file is made in a spool and
+        // copied out whole at close. FFmpeg's muxers write for a pipe as they go.
+        file->sink = file->io;
+        file->io = openSpool(path);
+        if (!file->io) {
+            destroy(file);
+            return nullptr;
+        }
     }
     if (bySndfile)
         file->writer = openSndfileWriter(file->io, path, request, out);
@@ -832,8 +867,10 @@ AUDIOFILE* AUDIO_CreateFileEx2(const char* pathText, const char* format, const _
         error.save();
         BLIO_CloseFile(file->io);
         file->io = nullptr;
-        BLIO_RemoveFile(where.c_str());
-        delete file;
+        if (!file->stream)
+            BLIO_RemoveFile(where.c_str());
+        releaseTemporary(file->tempPath);
+        destroy(file);
         error.restore();
         return nullptr;
     }
@@ -1010,6 +1047,18 @@ int32_t AUDIO_CloseFile(AUDIOFILE* file)
         error.save();
     }
     file->writer.reset();
+    if (file->sink) {
+        // Only a finished file goes out: a consumer never gets a half-made header.
+        if (ok && BLIO_CopyHFileToHFile(file->io, file->sink) < 0) {
+            ok = false;
+            error.save();
+        }
+        if (!BLIO_CloseFile(file->sink) && ok) {
+            ok = false;
+            error.save();
+        }
+        file->sink = nullptr;
+    }
     if (!BLIO_CloseFile(file->io) && ok) {
         ok = false;
         error.save();
@@ -1022,7 +1071,8 @@ int32_t AUDIO_CloseFile(AUDIOFILE* file)
         }
         if (!ok)
             BLIO_RemoveFile(file->tempPath.c_str());
-    } else if (!ok) {
+        releaseTemporary(file->tempPath);
+    } else if (!ok && !file->stream) {
         BLIO_RemoveFile(file->target.c_str());
     }
     delete file;

@@ -22,8 +22,6 @@
 
 namespace {
 
-using sova::audio::hasScheme;
-using sova::audio::makeTempBeside;
 using sova::audio::setError;
 
 const _sAUDIORegionFilter kFilters[] = {
@@ -497,19 +495,18 @@ bool formatCue(const char* path, const _audio_region* regions, int32_t count, co
 
 bool writeWhole(const char* path, const std::string& text)
 {
-    const std::string target(path);
-    std::string where = target;
-    const bool atomic = !hasScheme(target);
-    if (atomic) {
-        where = makeTempBeside(target);
-        if (where.empty())
-            return false;
-    }
-    _HFile* io = BLIO_Open(where.c_str(), "w");
+    sova::audio::OutputPlan plan;
+    if (!sova::audio::planOutput(path, plan))
+        return false;
+    const bool atomic = !plan.tempPath.empty();
+    const std::string where = atomic ? plan.tempPath : std::string(path);
+    _HFile* io = BLIO_Open(where.c_str(), plan.stream ? "wo" : "w");
     if (!io) {
         setError(BLERROR_LastCode(), "'%s': %s", path, BLERROR_LastMessage());
-        if (atomic)
+        if (atomic) {
             BLIO_RemoveFile(where.c_str());
+            sova::audio::releaseTemporary(where);
+        }
         return false;
     }
     bool ok = BLIO_WriteData(io, text.data(), int64_t(text.size())) == int64_t(text.size());
@@ -521,12 +518,13 @@ bool writeWhole(const char* path, const std::string& text)
         setError(BLERROR_LastCode(), "'%s': %s", path, BLERROR_LastMessage());
     }
     if (atomic) {
-        if (ok && !BLIO_RenameFile(where.c_str(), path)) {
+        if (ok && !BLIO_RenameFile(where.c_str(), plan.target.c_str())) {
             ok = false;
             setError(BLERROR_LastCode(), "'%s': %s", path, BLERROR_LastMessage());
         }
         if (!ok)
             BLIO_RemoveFile(where.c_str());
+        sova::audio::releaseTemporary(where);
     }
     return ok;
 }

@@ -73,9 +73,15 @@ void* fileOpen(void*, const char* path, BLIOOPENMODE mode)
         return nullptr;
     }
     int fd;
-    do {
-        fd = ::open(local, flags | O_CLOEXEC, 0666);
-    } while (fd < 0 && errno == EINTR);
+    if (std::strcmp(path, "-") == 0) {
+        // The process's own standard streams, duplicated so that closing the handle leaves
+        // them open; a shell redirection has already created or emptied the file.
+        fd = ::fcntl((mode & BLIO_MODE_WRITE) ? STDOUT_FILENO : STDIN_FILENO, F_DUPFD_CLOEXEC, 3);
+    } else {
+        do {
+            fd = ::open(local, flags | O_CLOEXEC, 0666);
+        } while (fd < 0 && errno == EINTR);
+    }
     if (fd < 0) {
         setOpenError(path, errno);
         return nullptr;
@@ -245,6 +251,10 @@ int32_t fileGetInfo(void* handle, BLIO_FileInfo* info)
 
 int32_t fileRemove(void*, const char* path)
 {
+    if (std::strcmp(path, "-") == 0) {
+        BLERROR_Set(BLERR_INVALID_ARGUMENT, "cannot remove '-': it names a standard stream");
+        return 0;
+    }
     if (::unlink(localPath(path)) != 0) {
         BLERROR_Set(errno == ENOENT ? BLERR_NOT_FOUND : BLERR_IO, "cannot remove '%s': %s", path,
             std::strerror(errno));

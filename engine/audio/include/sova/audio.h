@@ -341,6 +341,24 @@ SOVAAUDIO_EXPORT double AUDIO_GetAudioFileDurationEx(const char* path, const cha
 SOVAAUDIO_EXPORT int32_t AUDIO_ConvertEx(const AUDIO_Progress* progress, const char* source,
     const char* sourceFormat, const char* target, const char* targetFormat, _audio_format* fmt);
 
+/* ---- Output paths ---------------------------------------------------------------------- */
+
+/* Where AUDIO_CreateFileEx2 (and the region writer) put a file:
+ * - "-" is standard output; as a path to read, standard input.
+ * - A character or block device, a FIFO or a socket is written in place and never replaced or
+ *   removed.
+ * - A symbolic link is kept: the file at the end of its chain is replaced (created when the
+ *   chain ends nowhere), through a temporary beside that file.
+ * - A stream that cannot seek (a pipe, a terminal) gets formats that are written straight
+ *   through as they are made; formats whose headers are finished last (WAV, AIFF, CAF, ...)
+ *   are assembled in an unlinked temporary file under $TMPDIR and copied out when complete.
+ *   Input that cannot seek is likewise copied to such a file before it is read.
+ *
+ * Removes every temporary file that open writers have beside their targets (the target
+ * itself is left as it was). Async-signal-safe: meant for a SIGINT/SIGTERM/SIGHUP handler
+ * that then ends the process; the writers are unusable afterwards. The count removed. */
+SOVAAUDIO_EXPORT int32_t AUDIO_RemoveTemporaryFiles(void);
+
 #ifdef __cplusplus
 }
 #endif

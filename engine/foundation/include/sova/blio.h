@@ -4,6 +4,9 @@
  * '-', '.'; first a letter; compared without regard to case). Any other text is a local path.
  * Built in: local paths and "file://PATH" (POSIX descriptors), and "hfile://" meta
  * descriptors (below). A path whose scheme is not registered fails with BLERR_UNKNOWN_SCHEME.
+ * The path "-" alone is the process's standard output when opened with a write mode and its
+ * standard input otherwise (a duplicate descriptor: closing it leaves the stream open; nothing
+ * is created or emptied); a file named "-" is reached as "./-" or "file://-".
  *
  * Open descriptors: a mode, optionally followed by options in brackets:
  *     "r"   read                                             mode code 2
