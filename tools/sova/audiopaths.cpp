@@ -106,7 +106,9 @@ QString finalTarget(QString path)
         if (n <= 0)
             break;
         const QString link = QFile::decodeName(QByteArray(buffer, int(n)));
-        path = QDir::isAbsolutePath(link) ? link : info.dir().filePath(link);
+        path = QDir::isAbsolutePath(link) || info.path() == QLatin1String(".")
+            ? link
+            : info.dir().filePath(link);
     }
     return path;
 }
