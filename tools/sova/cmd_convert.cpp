@@ -245,5 +245,6 @@ const Command convertCommand = {"convert", "Convert an audio file into another f
     "OUT's format comes from --format (e.g. flac[nbits=24], mp3[kbps=192], m4a) or else from\n"
     "its extension. Rate and channels are converted when asked for (high-quality resampling;\n"
     "mix-down to mono averages the channels). A progress bar goes to standard error when it is\n"
-    "a terminal (-q turns it off). OUT is replaced only when the conversion succeeds.",
+    "a terminal (-q turns it off). OUT is replaced only when the conversion succeeds. IN may\n"
+    "be - (standard input), OUT - (standard output, with --format).",
     runConvert};
