@@ -240,29 +240,59 @@ private slots:
         QVERIFY(temporaries(work.filePath(QStringLiteral("sub"))).isEmpty());
     }
 
-    // sova writes standard output and ffmpeg reads the pipe: every frame arrives.
+    // sova writes standard output and ffmpeg reads the pipe: every frame arrives, and
+    // nothing the command prints gets mixed in.
     void standardOutput_data()
     {
-        QTest::addColumn<QString>("format");
-        QTest::newRow("wav") << "wav"; // header finished last: spooled
-        QTest::newRow("aiff") << "aiff";
-        QTest::newRow("flac") << "flac"; // streamed as made
-        QTest::newRow("alac in fragmented mp4") << "m4a[codec=alac]";
-        QTest::newRow("matroska") << "mka";
+        QTest::addColumn<QStringList>("arguments");
+        const QString in = path("in.wav");
+        const QStringList to = {"-", "--format"};
+        // WAV and AIFF finish their headers last (spooled); the others stream as made.
+        for (const char* format : {"wav", "aiff", "flac", "m4a[codec=alac]", "mka"})
+            QTest::newRow(format) << QStringList {"convert", "-q", in} + to + QStringList(format);
+        QTest::newRow("fx") << QStringList {"fx", "--chain", "gain[db=0]", in} + to
+                + QStringList("wav");
+        QTest::newRow("join") << QStringList {"join", in, in} + to + QStringList("flac");
+        QTest::newRow("split") << QStringList {"split", in} + to + QStringList("wav");
     }
 
     void standardOutput()
     {
-        QFETCH(QString, format);
+        QFETCH(QStringList, arguments);
         QProcess sova, ffmpeg;
         sova.setStandardOutputProcess(&ffmpeg);
-        sova.start(QStringLiteral(SOVA_BINARY),
-            {"convert", "-q", path("in.wav"), "-", "--format", format});
+        sova.start(QStringLiteral(SOVA_BINARY), arguments);
         startDecoder(ffmpeg, QStringLiteral("-"));
         const qint64 frames = decodedFrames(ffmpeg);
         QVERIFY(sova.waitForFinished(60000));
         QCOMPARE(sova.exitCode(), 0);
         QCOMPARE(frames, qint64(kFrames));
+    }
+
+    // Standard output carries one WAV file and nothing else: a command's report goes to
+    // standard error.
+    void standardOutputHoldsOnlyAudio_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        const QString in = path("in.wav");
+        const QStringList to = {"-", "--format", "wav"};
+        QTest::newRow("convert") << QStringList {"convert", in} + to;
+        QTest::newRow("fx") << QStringList {"fx", "--chain", "gain[db=0]", in} + to;
+        QTest::newRow("split") << QStringList {"split", in} + to;
+    }
+
+    void standardOutputHoldsOnlyAudio()
+    {
+        QFETCH(QStringList, arguments);
+        QProcess sova;
+        sova.start(QStringLiteral(SOVA_BINARY), arguments);
+        QVERIFY(sova.waitForFinished(60000));
+        QCOMPARE(sova.exitCode(), 0);
+        const QByteArray bytes = sova.readAllStandardOutput();
+        QVERIFY(bytes.startsWith("RIFF") && bytes.size() > 8);
+        quint32 riffSize = 0;
+        memcpy(&riffSize, bytes.constData() + 4, 4);
+        QCOMPARE(qint64(riffSize) + 8, qint64(bytes.size()));
     }
 
     void standardOutputNeedsFormat()

@@ -260,7 +260,11 @@ int prepareAudioPaths(
                 QStringLiteral("cannot read '%1': %2")
                     .arg(input, QString::fromLocal8Bit(std::strerror(errno))));
         QString error;
-        const QString copy = spool(fd, error);
+        static QString standardInputCopy; // standard input can be read only once
+        const QString copy = fifo || standardInputCopy.isEmpty() ? spool(fd, error)
+                                                                 : standardInputCopy;
+        if (!fifo)
+            standardInputCopy = copy;
         if (fifo)
             ::close(fd);
         if (copy.isEmpty())

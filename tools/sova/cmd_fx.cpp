@@ -103,7 +103,7 @@ int runFx(const QStringList& arguments)
         return fail("fx", error.isEmpty() ? runner.error() : error);
     }
     sink.close();
-    if (!QFileInfo::exists(target))
+    if (target != QLatin1String("-") && !QFileInfo::exists(target))
         return fail("fx", engineFailure(QStringLiteral("write"), target));
     const auto channelText = [](int n) {
         return n == 1 ? QStringLiteral("1 channel") : QStringLiteral("%1 channels").arg(n);
