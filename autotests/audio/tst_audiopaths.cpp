@@ -81,8 +81,8 @@ private slots:
         } else {
             _audio_region region {};
             region.end = 1.0;
-            QCOMPARE(AUDIO_WriteRegions(QFile::encodeName(link).constData(), "labels", &region,
-                         1, nullptr),
+            QCOMPARE(AUDIO_WriteRegions(
+                         QFile::encodeName(link).constData(), "labels", &region, 1, nullptr),
                 1);
             QVERIFY(QFileInfo(target).size() > 0);
         }

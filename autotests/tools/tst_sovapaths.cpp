@@ -57,8 +57,8 @@ private:
     // Starts ffmpeg decoding path ("-": its standard input) to 16-bit mono on its output.
     static void startDecoder(QProcess& ffmpeg, const QString& path)
     {
-        ffmpeg.start(QStringLiteral("ffmpeg"),
-            {"-v", "error", "-i", path, "-f", "s16le", "-ac", "1", "-"});
+        ffmpeg.start(
+            QStringLiteral("ffmpeg"), {"-v", "error", "-i", path, "-f", "s16le", "-ac", "1", "-"});
     }
 
     // Frames that a started decoder gives, -1 when it fails.
@@ -105,17 +105,16 @@ private slots:
     {
         QTest::addColumn<QStringList>("arguments");
         QTest::addColumn<QString>("message");
-        QTest::newRow("join a a a") << QStringList {"join", "a.wav", "a.wav", "a.wav"}
-                                    << "both an input and the output";
-        QTest::newRow("convert a a") << QStringList {"convert", "a.wav", "a.wav"}
-                                     << "both an input and the output";
+        QTest::newRow("join a a a")
+            << QStringList {"join", "a.wav", "a.wav", "a.wav"} << "both an input and the output";
+        QTest::newRow("convert a a")
+            << QStringList {"convert", "a.wav", "a.wav"} << "both an input and the output";
         QTest::newRow("through a symlink")
             << QStringList {"convert", "a.wav", "sym.wav"} << "same file as the input 'a.wav'";
         QTest::newRow("through a hard link")
             << QStringList {"convert", "hard.wav", "a.wav"} << "same file as the input";
-        QTest::newRow("read through fmtconv")
-            << QStringList {"fx", "--chain", "gain[db=-6]", "a.wav:fmtconv[sr=8000]", "a.wav"}
-            << "same file as the input";
+        QTest::newRow("read through fmtconv") << QStringList {"fx", "--chain", "gain[db=-6]",
+            "a.wav:fmtconv[sr=8000]", "a.wav"} << "same file as the input";
         QTest::newRow("split to one name twice")
             << QStringList {"split", "in.wav", "l.wav", "./l.wav"} << "named twice";
     }
@@ -145,12 +144,15 @@ private slots:
     {
         QTest::addColumn<QString>("output");
         QTest::addColumn<QString>("message");
-        QTest::newRow("missing directory")
-            << "nowhere/out.wav" << "the directory 'nowhere' does not exist";
-        QTest::newRow("a file as directory") << "in.wav/out.wav" << "'in.wav' is not a directory";
-        QTest::newRow("a directory as output") << "." << "'.': it is a directory";
+        QTest::newRow("missing directory") << "nowhere/out.wav"
+                                           << "the directory 'nowhere' does not exist";
+        QTest::newRow("a file as directory") << "in.wav/out.wav"
+                                             << "'in.wav' is not a directory";
+        QTest::newRow("a directory as output") << "."
+                                               << "'.': it is a directory";
         QTest::newRow("link into a missing directory")
-            << "tonowhere.wav" << "'tonowhere.wav': the directory 'nowhere' does not exist";
+            << "tonowhere.wav"
+            << "'tonowhere.wav': the directory 'nowhere' does not exist";
     }
 
     void outputDirectoryIsChecked()
@@ -308,10 +310,10 @@ private slots:
         QTest::addColumn<QString>("piped"); // what ffmpeg writes into the pipe
         QTest::addColumn<QStringList>("arguments");
         QTest::addColumn<QString>("output");
-        QTest::newRow("convert flac") << "flac" << QStringList {"convert", "-q", "-", "piped.wav"}
-                                      << "piped.wav";
-        QTest::newRow("split wav") << "wav" << QStringList {"split", "-", "left.flac"}
-                                   << "left.flac";
+        QTest::newRow("convert flac")
+            << "flac" << QStringList {"convert", "-q", "-", "piped.wav"} << "piped.wav";
+        QTest::newRow("split wav")
+            << "wav" << QStringList {"split", "-", "left.flac"} << "left.flac";
         QTest::newRow("info wav") << "wav" << QStringList {"info", "-"} << "";
     }
 

@@ -164,10 +164,10 @@ QList<QPair<int, float>> spectrumPeaks(const QVector<float>& levels, int count)
 bool saveBytes(const QString& path, const QByteArray& data, QString* error)
 {
     QFile file(path);
-    const bool opened = path == QLatin1String("-") ? file.open(stdout, QIODevice::WriteOnly)
-                                                   : file.open(QIODevice::WriteOnly | QIODevice::Truncate);
-    if (opened && file.write(data) == data.size()
-        && file.flush())
+    const bool opened = path == QLatin1String("-")
+        ? file.open(stdout, QIODevice::WriteOnly)
+        : file.open(QIODevice::WriteOnly | QIODevice::Truncate);
+    if (opened && file.write(data) == data.size() && file.flush())
         return true;
     *error = QStringLiteral("cannot write '%1': %2").arg(path, file.errorString());
     return false;

@@ -231,8 +231,8 @@ int prepareAudioPaths(
         } else if (output != standardStream && !statPath(output, STDOUT_FILENO, st)) {
             const QFileInfo target(finalTarget(output));
             const QString dir = QFileInfo(target.path()).canonicalFilePath();
-            const QString resolved = (dir.isEmpty() ? target.path() : dir) + QLatin1Char('/')
-                + target.fileName();
+            const QString resolved
+                = (dir.isEmpty() ? target.path() : dir) + QLatin1Char('/') + target.fileName();
             if (written.contains(resolved))
                 return usageError(
                     command, QStringLiteral("'%1' is named twice as an output").arg(output));
@@ -261,8 +261,8 @@ int prepareAudioPaths(
                     .arg(input, QString::fromLocal8Bit(std::strerror(errno))));
         QString error;
         static QString standardInputCopy; // standard input can be read only once
-        const QString copy = fifo || standardInputCopy.isEmpty() ? spool(fd, error)
-                                                                 : standardInputCopy;
+        const QString copy
+            = fifo || standardInputCopy.isEmpty() ? spool(fd, error) : standardInputCopy;
         if (!fifo)
             standardInputCopy = copy;
         if (fifo)
@@ -270,8 +270,8 @@ int prepareAudioPaths(
         if (copy.isEmpty())
             return fail(command,
                 QStringLiteral("cannot read '%1': %2")
-                    .arg(input == standardStream ? QStringLiteral("standard input") : input,
-                        error));
+                    .arg(
+                        input == standardStream ? QStringLiteral("standard input") : input, error));
         showPathAs(copy, input);
         input = copy;
     }

@@ -167,8 +167,7 @@ int runConvert(const QStringList& arguments)
         return status;
     QStringList inputs {parser.positionalArguments().at(0)};
     const QString target = parser.positionalArguments().at(1);
-    const int refused
-        = prepareAudioPaths("convert", inputs, {target}, parser.isSet(formatOption));
+    const int refused = prepareAudioPaths("convert", inputs, {target}, parser.isSet(formatOption));
     if (refused >= 0)
         return refused;
     const QString in = inputs.first();

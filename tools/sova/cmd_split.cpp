@@ -51,8 +51,7 @@ int runSplit(const QStringList& arguments)
     if (outputs.size() > 8)
         return usageError("split", QStringLiteral("at most 8 output files"));
     QStringList inputs(in);
-    if ((status = prepareAudioPaths("split", inputs, outputs, parser.isSet(formatOption())))
-        >= 0)
+    if ((status = prepareAudioPaths("split", inputs, outputs, parser.isSet(formatOption()))) >= 0)
         return status;
     in = inputs.first();
 
@@ -108,8 +107,7 @@ int runJoin(const QStringList& arguments)
     const QString target = inputs.takeLast();
     if (inputs.size() > 8)
         return usageError("join", QStringLiteral("at most 8 input files"));
-    if ((status = prepareAudioPaths("join", inputs, {target}, parser.isSet(formatOption())))
-        >= 0)
+    if ((status = prepareAudioPaths("join", inputs, {target}, parser.isSet(formatOption()))) >= 0)
         return status;
     // Name the unreadable input before the library gives up on all of them.
     for (const QString& path : inputs) {

@@ -76,8 +76,8 @@ int runVad(const QStringList& arguments)
         const bool opened = labels == QLatin1String("-")
             ? labelFile.open(stdout, QIODevice::WriteOnly)
             : labelFile.open(QIODevice::WriteOnly | QIODevice::Truncate);
-        if (!opened
-            || labelFile.write(tracker.segmentLines(true).toUtf8()) < 0 || !labelFile.flush())
+        if (!opened || labelFile.write(tracker.segmentLines(true).toUtf8()) < 0
+            || !labelFile.flush())
             return fail("vad",
                 QStringLiteral("cannot write '%1': %2").arg(labels, labelFile.errorString()));
     }
