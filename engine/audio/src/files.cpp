@@ -440,10 +440,12 @@ AUDIOFILE* openForReading(const char* pathText, const char* format, int64_t star
         const bool copied = spool && BLIO_CopyHFileToHFile(file->io, spool) >= 0
             && BLIO_Seek(spool, 0, BLIO_SEEK_SET);
         if (!copied) {
+            SavedError error;
+            error.save();
             if (spool)
-                setError(BLERROR_LastCode(), "'%s': %s", pathText, BLERROR_LastMessage());
-            BLIO_CloseFile(spool);
+                BLIO_CloseFile(spool);
             destroy(file);
+            error.restore();
             return nullptr;
         }
         BLIO_CloseFile(file->io);
