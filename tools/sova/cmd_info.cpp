@@ -93,7 +93,7 @@ int runInfo(const QStringList& arguments)
         }
         QSovaAudioFile file(read.first(), parser.value(formatOption), QSovaAudioFile::IEEEFloat);
         if (!file.open(QIODevice::ReadOnly)) {
-            result = fail("info", engineFailure(QStringLiteral("read"), path));
+            result = fail("info", engineFailure(QStringLiteral("read"), read.first()));
             continue;
         }
         if (!first)

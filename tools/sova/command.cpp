@@ -37,7 +37,12 @@ QString shown(QString message)
 
 void showPathAs(const QString& actual, const QString& shownAs)
 {
-    pathAliases().append({actual, shownAs});
+    // Longest first, so that "/proc/self/fd/1" does not eat the start of "/proc/self/fd/10".
+    auto& aliases = pathAliases();
+    int at = 0;
+    while (at < aliases.size() && aliases.at(at).first.size() >= actual.size())
+        ++at;
+    aliases.insert(at, {actual, shownAs});
 }
 
 void moveOutputToStandardError()
