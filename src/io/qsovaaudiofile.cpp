@@ -3,6 +3,8 @@
 #include "qsovaaudioformat.h"
 #include "qsovafile.h"
 
+#include <algorithm>
+
 struct QSovaAudioFile::Private
 {
     QString fileName;
@@ -11,6 +13,18 @@ struct QSovaAudioFile::Private
     AUDIOFILE* handle = nullptr;
     _audio_format format;
     bool isOpen = false;
+    bool writing = false;
+    qint64 expectedFrames = 0;
+    ClipReport clips;
+
+    // Keeps the writer's clip report for after the handle is gone.
+    void saveClips()
+    {
+        int64_t clipped = 0;
+        double peak = 0.0;
+        if (writing && AUDIO_GetClipReport(handle, &clipped, &peak))
+            clips = {clipped, peak};
+    }
 
     // Whole frames in size bytes (a partial frame is never transferred); -1 when nothing can
     // be transferred: closed, or a kind without a frame size.
@@ -68,12 +82,14 @@ bool QSovaAudioFile::open(OpenMode mode)
     } else {
         // Without a usable preset the engine takes everything from the format string.
         const _audio_format* preset = AUDIO_IsValidFormat(&d->format) ? &d->format : nullptr;
-        d->handle = AUDIO_CreateFileEx2(
-            name.constData(), format.constData(), preset, -1, -1, 0, nullptr, 0);
+        d->handle = AUDIO_CreateFileEx2(name.constData(), format.constData(), preset, -1, -1, 0,
+            nullptr, std::max<qint64>(0, d->expectedFrames));
+        d->clips = ClipReport();
     }
     if (!d->handle || !AUDIO_GetAudioFileFormat(d->handle, &d->format))
         return false;
     d->isOpen = true;
+    d->writing = mode == WriteOnly;
     QIODevice::open(mode);
     return true;
 }
@@ -82,6 +98,7 @@ void QSovaAudioFile::close()
 {
     if (!d->isOpen)
         return;
+    d->saveClips();
     AUDIO_CloseFile(d->handle);
     d->handle = nullptr;
     d->isOpen = false;
@@ -92,6 +109,7 @@ void QSovaAudioFile::abandon()
 {
     if (!d->isOpen)
         return;
+    d->saveClips();
     AUDIO_AbandonFile(d->handle);
     d->handle = nullptr;
     d->isOpen = false;
@@ -210,6 +228,29 @@ QSovaAudioFile::SampleKind QSovaAudioFile::sampleKind() const
 QSovaAudioFormat QSovaAudioFile::format() const
 {
     return QSovaAudioFormat(&d->format);
+}
+
+QSovaAudioFile::ClipReport QSovaAudioFile::clipReport() const
+{
+    if (d->isOpen)
+        d->saveClips();
+    return d->clips;
+}
+
+QSovaAudioFile::ClipReport QSovaAudioFile::lastClipReport()
+{
+    ClipReport report;
+    int64_t clipped = 0;
+    if (AUDIO_GetLastClipReport(&clipped, &report.peak))
+        report.clippedSamples = clipped;
+    else
+        report.peak = 0.0;
+    return report;
+}
+
+void QSovaAudioFile::setExpectedFrames(qint64 frames)
+{
+    d->expectedFrames = frames;
 }
 
 double QSovaAudioFile::duration(const QString& fileName, const QString& formatString)

@@ -73,6 +73,22 @@ public:
     // The format of the file last opened (or the one given for writing).
     QSovaAudioFormat format() const;
 
+    // What writing clipped: samples beyond full scale (all channels) that the target could not
+    // keep (integer, companded and lossy targets; float targets keep them), and the peak
+    // magnitude given (1.0 = full scale).
+    struct ClipReport
+    {
+        qint64 clippedSamples = 0;
+        double peak = 0.0;
+    };
+    // Of the file being written so far, or after close() of the file this device wrote.
+    ClipReport clipReport() const;
+    // Of the last file the calling thread finished writing, through a device or convert().
+    static ClipReport lastClipReport();
+    // Frames about to be written, set before open(WriteOnly) (0: unknown): a WAV that would
+    // pass 4 GiB is then written as RF64, and containers that cannot hold it refuse to open.
+    void setExpectedFrames(qint64 frames);
+
     // Seconds of a file, -1.0 when it cannot be read.
     static double duration(const QString& fileName, const QString& formatString);
     // Converts the file source (format string sourceFormat) into target (targetFormat). A

@@ -1,6 +1,7 @@
 #include "qsovachannelmultiplexer.h"
 
 #include "qsovaaudiofile.h"
+#include "qsovaaudioformat.h"
 
 #include <QDebug>
 #include <QVector>
@@ -63,6 +64,42 @@ QSovaAudioFile* openMono(const QString& name, const QString& format, int* rate)
     return input;
 }
 
+// outputFormat with rate and channels added to its options ("wav[nbits=24]" keeps its own).
+QString withRateAndChannels(const QString& outputFormat, int rate, int channels)
+{
+    const QString options
+        = QStringLiteral("sr=%1,nch=%2").arg(QString::number(rate), QString::number(channels));
+    const QString trimmed = outputFormat.trimmed();
+    if (trimmed.endsWith(QLatin1Char(']')))
+        return trimmed.left(trimmed.size() - 1) + QLatin1Char(',') + options + QLatin1Char(']');
+    return trimmed + QLatin1Char('[') + options + QLatin1Char(']');
+}
+
+// The format outputs are created with: rate and channels as given, the resolution and sample
+// kind of the widest source (float when any source is float), so that nothing is narrowed
+// unless the format string asks for it.
+QSovaAudioFormat widestOf(const QVector<QSovaAudioFile*>& sources, int rate, int channels)
+{
+    _audio_format widest = AUDIO_FormatEx(rate, int16_t(channels), 16);
+    for (const QSovaAudioFile* source : sources) {
+        const _audio_format f = source->format();
+        const uint32_t codec = f.coder & AUDIO_CODEC_MASK;
+        const bool isFloat = codec == AUDIO_CODEC_FLOAT32 || codec == AUDIO_CODEC_FLOAT64;
+        const uint32_t widestCodec = widest.coder & AUDIO_CODEC_MASK;
+        const bool widestFloat
+            = widestCodec == AUDIO_CODEC_FLOAT32 || widestCodec == AUDIO_CODEC_FLOAT64;
+        if ((isFloat && (!widestFloat || f.bitsPerSample > widest.bitsPerSample))
+            || (!widestFloat && !isFloat && f.bitsPerSample > widest.bitsPerSample)) {
+            widest = AUDIO_FormatEx(rate, int16_t(channels), f.bitsPerSample);
+            if (isFloat)
+                widest.coder = codec;
+        }
+    }
+    if (!AUDIO_IsValidFormat(&widest))
+        widest = AUDIO_FormatEx(rate, int16_t(channels), 16);
+    return QSovaAudioFormat(&widest);
+}
+
 } // namespace
 
 namespace QSova {
@@ -70,6 +107,15 @@ namespace QSova {
 bool ChannelDemultiplexer(const QString& inputFile, const QStringList& outputFiles,
     const QString& inputFormat, const QString& outputFormat)
 {
+    return ChannelDemultiplexer(inputFile, outputFiles, inputFormat, outputFormat, nullptr);
+}
+
+bool ChannelDemultiplexer(const QString& inputFile, const QStringList& outputFiles,
+    const QString& inputFormat, const QString& outputFormat,
+    QVector<QSovaAudioFile::ClipReport>* clips)
+{
+    if (clips)
+        clips->fill(QSovaAudioFile::ClipReport(), outputFiles.size());
     if (outputFiles.size() > kMaxChannels)
         return false;
     auto* input = new QSovaAudioFile(inputFile, inputFormat, QSovaAudioFile::IEEEFloat);
@@ -80,11 +126,12 @@ bool ChannelDemultiplexer(const QString& inputFile, const QStringList& outputFil
         return false;
     }
     const int channels = input->numChannels();
-    const QString format
-        = QStringLiteral("%1[sr=%2,nch=1]").arg(outputFormat, QString::number(input->sampleRate()));
+    const QString format = withRateAndChannels(outputFormat, input->sampleRate(), 1);
+    const QSovaAudioFormat kept = widestOf({input}, input->sampleRate(), 1);
     QVector<QSovaAudioFile*> outputs(std::max(channels, 0), nullptr);
     for (int c = 0; c < channels && c < outputFiles.size(); ++c) {
-        auto* output = new QSovaAudioFile(outputFiles.at(c), format, QSovaAudioFile::IEEEFloat);
+        auto* output = new QSovaAudioFile(outputFiles.at(c), format, kept);
+        output->setExpectedFrames(std::max<qint64>(0, input->numSamples()));
         if (!output->open(QIODevice::WriteOnly)) {
             // The multiplexer's wording, shared on purpose: hosts filter both on one text.
             qDebug() << "QSova::AudioFileMultiplexer: Error creating file '" << outputFiles.at(c)
@@ -113,6 +160,13 @@ bool ChannelDemultiplexer(const QString& inputFile, const QStringList& outputFil
             }
         }
     }
+    for (int c = 0; c < outputs.size(); ++c) {
+        if (!outputs.at(c))
+            continue;
+        outputs.at(c)->close();
+        if (clips && c < clips->size())
+            (*clips)[c] = outputs.at(c)->clipReport();
+    }
     release(outputs);
     release({input});
     return true;
@@ -135,9 +189,12 @@ bool ChannelMultiplexer(const QStringList& inputFiles, const QString& outputFile
         }
         inputs.append(input);
     }
-    const QString format = QStringLiteral("%1[sr=%2,nch=%3]")
-                               .arg(outputFormat, QString::number(rate), QString::number(channels));
-    auto* output = new QSovaAudioFile(outputFile, format, QSovaAudioFile::IEEEFloat);
+    const QString format = withRateAndChannels(outputFormat, rate, channels);
+    auto* output = new QSovaAudioFile(outputFile, format, widestOf(inputs, rate, channels));
+    qint64 longestInput = 0;
+    for (const QSovaAudioFile* input : inputs)
+        longestInput = std::max(longestInput, input->numSamples());
+    output->setExpectedFrames(longestInput);
     if (!output->open(QIODevice::WriteOnly)) {
         reportCreating(outputFile);
         delete output;

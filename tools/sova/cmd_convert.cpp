@@ -1,4 +1,5 @@
 #include "audiopaths.h"
+#include "clipwarning.h"
 #include "command.h"
 
 #include <QFileInfo>
@@ -234,6 +235,7 @@ int runConvert(const QStringList& arguments)
         showProgress(label, ok ? 1.0 : 0.0, true);
     if (!ok)
         return fail("convert", engineFailure(QStringLiteral("convert"), in));
+    warnClipped("convert", target, QSovaAudioFile::lastClipReport());
     return ExitOk;
 }
 

@@ -1,5 +1,6 @@
 // sova fx: an audio file through a chain of effects of the engine.
 #include "audiopaths.h"
+#include "clipwarning.h"
 #include "command.h"
 #include "streamtools.h"
 
@@ -49,12 +50,16 @@ int runFx(const QStringList& arguments)
         return usageError(
             "fx", QStringLiteral("bad chain '%1': %2").arg(chain, QSova::lastErrorString()));
 
-    // The effect decides rate and channels; the resolution stays the source's unless the
-    // format string names one.
+    // The effect decides rate and channels; the resolution and sample kind (float stays
+    // float) stay the source's unless the format string names others.
     const QSovaAudioFormat produced = effect.outputFormat();
-    const QSovaAudioFormat format(
-        produced.sampleRate(), produced.numChannels(), source.format().resolution());
+    QSovaAudioFormat format = source.format();
+    format.setSampleRate(produced.sampleRate());
+    format.setNumChannels(produced.numChannels());
     QSovaAudioFile sink(target, parser.value(formatOption), format);
+    if (source.numSamples() > 0 && source.sampleRate() > 0)
+        sink.setExpectedFrames(qint64(double(source.numSamples()) * produced.sampleRate()
+            / source.sampleRate() + 0.5));
     if (!sink.open(QIODevice::WriteOnly))
         return fail("fx", engineFailure(QStringLiteral("write"), target));
 
@@ -105,6 +110,7 @@ int runFx(const QStringList& arguments)
     sink.close();
     if (target != QLatin1String("-") && !QFileInfo::exists(target))
         return fail("fx", engineFailure(QStringLiteral("write"), target));
+    warnClipped("fx", target, sink.clipReport());
     const auto channelText = [](int n) {
         return n == 1 ? QStringLiteral("1 channel") : QStringLiteral("%1 channels").arg(n);
     };

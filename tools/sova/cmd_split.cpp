@@ -1,5 +1,6 @@
 // sova split and sova join: one mono file per channel, and back.
 #include "audiopaths.h"
+#include "clipwarning.h"
 #include "command.h"
 
 #include <QDateTime>
@@ -74,9 +75,11 @@ int runSplit(const QStringList& arguments)
         before.append(QFileInfo(path).lastModified());
 
     bool ok;
+    QVector<QSovaAudioFile::ClipReport> clips;
     {
         QuietDebug quiet;
-        ok = QSova::ChannelDemultiplexer(in, outputs, QString(), parser.value(formatOption()));
+        ok = QSova::ChannelDemultiplexer(
+            in, outputs, QString(), parser.value(formatOption()), &clips);
     }
     if (!ok)
         return fail("split", engineFailure(QStringLiteral("split"), in));
@@ -87,6 +90,8 @@ int runSplit(const QStringList& arguments)
             continue; // a stream or device: its writer reported any failure
         if (!info.exists() || (before.at(i).isValid() && info.lastModified() == before.at(i)))
             result = fail("split", QStringLiteral("cannot write '%1'").arg(outputs.at(i)));
+        else if (i < clips.size())
+            warnClipped("split", outputs.at(i), clips.at(i));
     }
     return result;
 }
@@ -122,6 +127,7 @@ int runJoin(const QStringList& arguments)
     }
     if (!ok)
         return fail("join", engineFailure(QStringLiteral("write"), target));
+    warnClipped("join", target, QSovaAudioFile::lastClipReport());
     return ExitOk;
 }
 

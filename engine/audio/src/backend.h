@@ -27,6 +27,9 @@ struct FormatRequest
     int32_t dither = -1; // AUDIODITHER_*, -1 = the default kind
     int32_t endian = 0; // 0 = container default, 1 = little, 2 = big
     std::string options; // the bracketed option string as written
+    // Writing: a flavour of the container named by the format string or the extension that
+    // needs a muxer of its own ("webm" for Matroska), "" for the usual one.
+    std::string flavour;
 };
 
 // Parses a format string; false (error recorded) when the name is unknown or an option value
@@ -106,6 +109,9 @@ std::unique_ptr<Reader> convertingReader(
 // resolution a codec stores (16 for ADPCM and lossy codecs, which decode to 16-bit quality).
 uint32_t containerFromExtension(const std::string& extension);
 uint32_t defaultCoder(uint32_t container);
+// The codec a container name or extension stands for when it differs from the container's
+// default (".mp2" -> Layer II, ".webm" -> Opus), 0 otherwise.
+uint32_t coderForName(const std::string& nameOrExtension);
 bool isLossyCoder(uint32_t coder);
 // The container a bare codec name implies ("vorbis" -> Ogg Vorbis, "pcm24" -> WAV), 0 for none.
 uint32_t containerForCodec(uint32_t coder);

@@ -911,8 +911,12 @@ namespace {
             coder = defaultCoder(container);
         const Target* target = targetOf(container, coder);
         const AVCodec* codec = target ? encoderOf(*target) : nullptr;
+        // A flavour of the container (WebM) has a muxer of its own that writes its doctype.
+        const char* muxerName = !request.flavour.empty() ? request.flavour.c_str()
+            : target                                     ? target->muxer
+                                                         : nullptr;
         const AVOutputFormat* muxer
-            = target ? av_guess_format(target->muxer, nullptr, nullptr) : nullptr;
+            = muxerName ? av_guess_format(muxerName, nullptr, nullptr) : nullptr;
         if (!codec || !muxer)
             return fail(AUDIOERR_UNSUPPORTED, "no encoder for this container and codec");
         channels_ = fmt.numChannels;

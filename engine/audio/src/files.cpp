@@ -13,6 +13,7 @@
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <string>
@@ -207,6 +208,15 @@ struct Dither
     }
 };
 
+// The clip report of the last file a thread closed after writing.
+struct ClipReport
+{
+    bool valid = false;
+    int64_t clipped = 0;
+    double peak = 0.0;
+};
+thread_local ClipReport gLastClips;
+
 } // namespace
 
 struct _AUDIOFILE
@@ -236,6 +246,13 @@ struct _AUDIOFILE
     bool eightBit = false; // ...of 8 bits, stored as multiples of 256
     std::vector<float> floatBlock;
     std::vector<int16_t> intBlock;
+    // Range: samples beyond full scale that the target cannot keep, and the peak given.
+    bool countClips = false;
+    int64_t clipped = 0;
+    double peak = 0.0;
+    // Size: bytes of audio the container's 32-bit fields allow (0: no such limit).
+    uint64_t byteLimit = 0;
+    double bytesPerFrame = 0.0;
 };
 
 namespace sova::audio {
@@ -596,6 +613,88 @@ int64_t noteWrite(AUDIOFILE* file, int64_t written)
     return written;
 }
 
+// Counts what the target will clip before anyone clips it: encoders and converters clip
+// without a word.
+void noteRange(AUDIOFILE* file, const float* in, int64_t samples)
+{
+    double peak = file->peak;
+    int64_t clipped = 0;
+    for (int64_t i = 0; i < samples; ++i) {
+        const double a = std::fabs(static_cast<double>(in[i]));
+        if (a > peak)
+            peak = a;
+        if (a > 1.0)
+            ++clipped;
+    }
+    file->peak = peak;
+    if (file->countClips)
+        file->clipped += clipped;
+}
+
+// The limit of 32-bit size fields, lowered by SOVA_TEST_SIZE_LIMIT (a test hook, read once).
+uint64_t sizeLimit()
+{
+    static const uint64_t limit = [] {
+        const char* text = std::getenv("SOVA_TEST_SIZE_LIMIT");
+        const unsigned long long hook = text ? std::strtoull(text, nullptr, 10) : 0;
+        // A margin for the header and trailing chunks the writer adds.
+        return hook > 0 ? uint64_t(hook) : uint64_t(0xFFFFFFFFu) - 65536u;
+    }();
+    return limit;
+}
+
+// Containers whose headers store sizes or lengths in 32 bits.
+bool has32BitSizes(uint32_t container)
+{
+    switch (container) {
+    case AUDIO_CONTAINER_WAV:
+    case AUDIO_CONTAINER_AIFF:
+    case AUDIO_CONTAINER_AU:
+    case AUDIO_CONTAINER_VOC:
+    case AUDIO_CONTAINER_AVR:
+    case AUDIO_CONTAINER_HTK:
+    case AUDIO_CONTAINER_MAT:
+    case AUDIO_CONTAINER_MPC2K:
+        return true;
+    default:
+        return false;
+    }
+}
+
+// Bytes of stored audio per frame of a format (sub-byte codecs count their bits).
+double storedBytesPerFrame(const _audio_format& format)
+{
+    const int bits = format.bitsPerSample > 0 ? format.bitsPerSample : 16;
+    return bits / 8.0 * std::max<int32_t>(1, format.numChannels);
+}
+
+void refuseSize(const std::string& path, uint32_t container, double bytes)
+{
+    const char* name = AUDIODEF_ContainerStringShort(container);
+    const double limit = static_cast<double>(sizeLimit());
+    const bool gib = limit >= 1073741824.0;
+    setError(AUDIOERR_UNSUPPORTED,
+        "'%s': %s holds at most %.0f %s of audio (its sizes are 32-bit), this needs %.1f %s; "
+        "write rf64, w64 or caf",
+        path.c_str(), name ? name : "the container", gib ? std::ceil(limit / 1073741824.0) : limit,
+        gib ? "GiB" : "bytes", gib ? bytes / 1073741824.0 : bytes, gib ? "GiB" : "bytes");
+}
+
+// False (recorded, and the file marked failed) when frames more would pass the container's
+// size limit.
+bool withinSizeLimit(AUDIOFILE* file, int64_t frames)
+{
+    if (file->byteLimit == 0)
+        return true;
+    const double bytes = static_cast<double>(file->written + frames) * file->bytesPerFrame;
+    if (bytes <= static_cast<double>(file->byteLimit))
+        return true;
+    refuseSize(file->target, file->writer->format().container, bytes);
+    file->failed = true;
+    file->failure.save();
+    return false;
+}
+
 // Writes normalised floats, dithering them when the target stores 16 bits or fewer (samples
 // that fall on the target's grid exactly are not dithered).
 int64_t writeNormalised(AUDIOFILE* file, const float* src, int64_t frames)
@@ -606,6 +705,7 @@ int64_t writeNormalised(AUDIOFILE* file, const float* src, int64_t frames)
     while (done < frames) {
         const int64_t n = std::min(block, frames - done);
         const float* in = src + done * channels;
+        noteRange(file, in, n * channels);
         int64_t w;
         if (file->quantise) {
             file->intBlock.resize(static_cast<size_t>(block * channels));
@@ -645,6 +745,10 @@ bool resolveWriteFormat(
 {
     AUDIO_NullFormat(&out);
     uint32_t container = request.container;
+    // The word that chose the container: the format string's name, else the extension.
+    const std::string word = request.container ? request.name
+        : request.coder                        ? std::string()
+                                               : lowered(extensionOf(path));
     if (container == 0 && request.coder != 0)
         container = containerForCodec(request.coder);
     if (container == 0)
@@ -665,10 +769,24 @@ bool resolveWriteFormat(
     }
 
     uint32_t coder = request.coder ? request.coder : defaultCoder(container);
+    if (!request.coder && coderForName(word))
+        coder = coderForName(word);
+    if (container == AUDIO_CONTAINER_MKV && word == "webm") {
+        const uint32_t codec = coder & AUDIO_CODEC_MASK;
+        if (codec != AUDIO_CODEC_OPUS && codec != AUDIO_CODEC_VORBIS) {
+            setError(AUDIOERR_UNSUPPORTED,
+                "'%s': WebM holds Opus or Vorbis audio only, not %s; write mka for it",
+                path.c_str(),
+                AUDIODEF_AudioFormatString(coder) ? AUDIODEF_AudioFormatString(coder)
+                                                  : "this codec");
+            return false;
+        }
+        request.flavour = "webm";
+    }
     // Float material stays float where the container's default is PCM: a float signal or
     // file saved as "x.wav" keeps its samples rather than turning into 32-bit integers.
     if (!request.coder && request.bitsPerSample == 0 && fmtValid && isFloatCoder(fmt->coder)
-        && isPcmInteger(coder)) {
+        && (fmt->bitsPerSample == 32 || fmt->bitsPerSample == 64) && isPcmInteger(coder)) {
         const uint32_t floatCoder
             = (fmt->coder & AUDIO_CODEC_MASK) | (coder & AUDIO_CODEC_FLAG_BIGENDIAN);
         if (sndfileWrites(container, floatCoder))
@@ -783,7 +901,6 @@ AUDIOFILE* AUDIO_CreateFileEx2(const char* pathText, const char* format, const _
     int32_t kbps, int32_t quality, uint32_t flags, const char* metadata, int64_t expectedFrames)
 {
     (void)flags;
-    (void)expectedFrames;
     if (!pathText || !*pathText) {
         setError(BLERR_INVALID_ARGUMENT, "no path given to create");
         return nullptr;
@@ -807,6 +924,27 @@ AUDIOFILE* AUDIO_CreateFileEx2(const char* pathText, const char* format, const _
     _audio_format out;
     if (!resolveWriteFormat(path, request, fmt, out))
         return nullptr;
+    // A length known to pass the 32-bit sizes: WAV becomes RF64 under the same name, as other
+    // tools do; the other containers cannot hold it.
+    const double expectedBytes
+        = expectedFrames > 0 ? expectedFrames * storedBytesPerFrame(out) : 0.0;
+    if (has32BitSizes(out.container) && expectedBytes > static_cast<double>(sizeLimit())) {
+        if (out.container != AUDIO_CONTAINER_WAV) {
+            refuseSize(path, out.container, expectedBytes);
+            return nullptr;
+        }
+        out.container = AUDIO_CONTAINER_RF64;
+        out.mimeType = containerMimeType(AUDIO_CONTAINER_RF64);
+        request.container = AUDIO_CONTAINER_RF64;
+        request.name = "rf64";
+    }
+    if ((out.coder & AUDIO_CODEC_MASK) == AUDIO_CODEC_MPEG_L1) {
+        setError(AUDIOERR_UNSUPPORTED,
+            "'%s': the engine reads MPEG-1 Layer I but has no encoder for it; write mp2 (Layer "
+            "II) or mp3",
+            pathText);
+        return nullptr;
+    }
     // FFmpeg's FLAC encoder is both faster and tighter than libFLAC at the same level (about
     // 0.6 of the time and 0.75 of the size at the default level); libsndfile keeps 8-bit FLAC,
     // which FFmpeg does not encode.
@@ -884,6 +1022,11 @@ AUDIOFILE* AUDIO_CreateFileEx2(const char* pathText, const char* format, const _
     file->eightBit
         = written.bitsPerSample == 8 && coder != AUDIO_CODEC_ULAW && coder != AUDIO_CODEC_ALAW;
     file->dither.kind = request.dither >= 0 ? request.dither : AUDIODITHER_DefaultKind();
+    file->countClips = !isFloatCoder(written.coder);
+    if (has32BitSizes(written.container)) {
+        file->byteLimit = sizeLimit();
+        file->bytesPerFrame = storedBytesPerFrame(written);
+    }
     return file;
 }
 
@@ -933,14 +1076,14 @@ int64_t AUDIO_Read16(AUDIOFILE* file, int16_t* buffer, int64_t frames)
 
 int64_t AUDIO_WriteIEEEFloat(AUDIOFILE* file, const float* buffer, int64_t frames)
 {
-    if (!checkWritable(file, buffer, frames))
+    if (!checkWritable(file, buffer, frames) || !withinSizeLimit(file, frames))
         return -1;
     return noteWrite(file, writeNormalised(file, buffer, frames));
 }
 
 int64_t AUDIO_WriteFloat(AUDIOFILE* file, const float* buffer, int64_t frames)
 {
-    if (!checkWritable(file, buffer, frames))
+    if (!checkWritable(file, buffer, frames) || !withinSizeLimit(file, frames))
         return -1;
     const int32_t channels = file->writer->format().numChannels;
     const int64_t block = blockFrames(channels);
@@ -963,8 +1106,13 @@ int64_t AUDIO_WriteFloat(AUDIOFILE* file, const float* buffer, int64_t frames)
 
 int64_t AUDIO_Write16(AUDIOFILE* file, const int16_t* buffer, int64_t frames)
 {
-    if (!checkWritable(file, buffer, frames))
+    if (!checkWritable(file, buffer, frames) || !withinSizeLimit(file, frames))
         return -1;
+    if (file->peak < 1.0) {
+        const int32_t ch = file->writer->format().numChannels;
+        for (int64_t i = 0; i < frames * ch; ++i)
+            file->peak = std::max(file->peak, std::fabs(buffer[i] / 32768.0));
+    }
     const int32_t channels = file->writer->format().numChannels;
     const int64_t block = std::max<int64_t>(blockFrames(channels), 4096);
     int64_t done = 0;
@@ -1042,6 +1190,7 @@ int32_t AUDIO_CloseFile(AUDIOFILE* file)
         destroy(file);
         return 1;
     }
+    gLastClips = {true, file->clipped, file->peak};
     bool ok = !file->failed;
     SavedError error = file->failure;
     if (ok && !file->writer->finish()) {
@@ -1176,9 +1325,15 @@ int32_t AUDIO_ConvertEx(const AUDIO_Progress* progress, const char* source,
             break;
         }
     }
-    const _audio_format wanted
+    _audio_format wanted
         = AUDIO_FormatEx(rate, static_cast<int16_t>(channels), static_cast<int16_t>(bits));
-    AUDIOFILE* out = AUDIO_CreateFileEx2(target, targetFormat, &wanted, -1, -1, 0, nullptr, 0);
+    // Float samples stay float where the target can hold them (and then nothing clips).
+    const uint32_t kind = fmtValid ? fmt->coder : sourceCoder;
+    if (isFloatCoder(kind) && (bits == 32 || bits == 64))
+        wanted.coder = kind & AUDIO_CODEC_MASK;
+    const int64_t expected = std::max<int64_t>(0, AUDIO_Length(in));
+    AUDIOFILE* out
+        = AUDIO_CreateFileEx2(target, targetFormat, &wanted, -1, -1, 0, nullptr, expected);
     if (!out) {
         SavedError error;
         error.save();
@@ -1234,6 +1389,28 @@ int32_t AUDIO_ConvertEx(const AUDIO_Progress* progress, const char* source,
     if (fmt)
         *fmt = written;
     return 1;
+}
+
+int32_t AUDIO_GetClipReport(AUDIOFILE* file, int64_t* clippedSamples, double* peak)
+{
+    if (!file || !file->writer) {
+        setError(BLERR_INVALID_ARGUMENT, "no audio file open for writing");
+        return 0;
+    }
+    if (clippedSamples)
+        *clippedSamples = file->clipped;
+    if (peak)
+        *peak = file->peak;
+    return 1;
+}
+
+int32_t AUDIO_GetLastClipReport(int64_t* clippedSamples, double* peak)
+{
+    if (clippedSamples)
+        *clippedSamples = gLastClips.clipped;
+    if (peak)
+        *peak = gLastClips.peak;
+    return gLastClips.valid ? 1 : 0;
 }
 
 } // extern "C"

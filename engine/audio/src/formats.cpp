@@ -327,6 +327,31 @@ uint32_t containerFromExtension(const std::string& extension)
     return AUDIO_CONTAINER_NONE;
 }
 
+uint32_t coderForName(const std::string& nameOrExtension)
+{
+    // What users expect of these names, not the container's one default: "mp2" and "mpa"
+    // are Layer II files, "mp1" Layer I, "webm" carries Opus (WebM allows no FLAC).
+    static const struct
+    {
+        const char* name;
+        uint32_t coder;
+    } kNamed[] = {
+        {"mp2", AUDIO_CODEC_MPEG_L2},
+        {"mpa", AUDIO_CODEC_MPEG_L2},
+        {"mp1", AUDIO_CODEC_MPEG_L1},
+        {"webm", AUDIO_CODEC_OPUS},
+        {"oga", AUDIO_CODEC_VORBIS},
+        {"m4b", AUDIO_CODEC_AAC},
+    };
+    std::string name = lower(nameOrExtension.c_str());
+    if (!name.empty() && name[0] == '.')
+        name.erase(0, 1);
+    for (const auto& e : kNamed)
+        if (name == e.name)
+            return e.coder;
+    return AUDIO_CODEC_NONE;
+}
+
 uint32_t defaultCoder(uint32_t container)
 {
     const ContainerEntry* e = findContainer(container);

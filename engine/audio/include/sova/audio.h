@@ -359,6 +359,28 @@ SOVAAUDIO_EXPORT int32_t AUDIO_ConvertEx(const AUDIO_Progress* progress, const c
  * that then ends the process; the writers are unusable afterwards. The count removed. */
 SOVAAUDIO_EXPORT int32_t AUDIO_RemoveTemporaryFiles(void);
 
+/* ---- Range and size on write ------------------------------------------------------------ *
+ * Samples beyond full scale (|x| > 1.0) given to a file whose target stores no floats
+ * (integer PCM, companded, ADPCM and lossy codecs) are clipped, here or in the encoder; a float
+ * target keeps them and counts none. The writer counts them and the peak of every sample it
+ * was given, so that a caller can say what was lost.
+ *
+ * Sizes: a WAV target whose expected length (AUDIO_CreateFileEx2's expectedFrames) would pass
+ * 4 GiB is written as RF64 under the same name (the format then reports AUDIO_CONTAINER_RF64).
+ * Other containers with 32-bit size fields (AIFF, AU, VOC, AVR, HTK, MAT, MPC2K), and WAV
+ * without a hint, are refused before writing, or fail the write that would pass the limit,
+ * with a message naming the limit and formats that hold more (rf64, w64, caf). Test hook: the
+ * environment variable SOVA_TEST_SIZE_LIMIT (bytes), read once per process, lowers the
+ * limit so that the switch can be tested without writing 4 GiB. */
+
+/* Clipped samples (all channels) and the peak magnitude (1.0 = full scale; 0 before any
+ * sample) of a file open for writing, so far. Either pointer may be null. Non-zero for a file
+ * open for writing. */
+SOVAAUDIO_EXPORT int32_t AUDIO_GetClipReport(AUDIOFILE* file, int64_t* clippedSamples, double* peak);
+/* The same for the last file the calling thread closed after writing it (AUDIO_CloseFile,
+ * AUDIO_AbandonFile, and the target of AUDIO_ConvertEx); 0 when it has closed none. */
+SOVAAUDIO_EXPORT int32_t AUDIO_GetLastClipReport(int64_t* clippedSamples, double* peak);
+
 #ifdef __cplusplus
 }
 #endif
