@@ -214,6 +214,9 @@ namespace {
         {"mp2", "MPEG-1 Layer II", kAc3Rates | AUDIOCAP_RATE_32000 | kUpToStereo | kLossy, RW,
             "audio/mpeg",
             "kbps=32..384"},
+    };
+    // Read only: FFmpeg has no Layer I encoder, so ".mp1" is kept out of the writers' filter.
+    const _sAUDIOFormatTag kMp1Tags[] = {
         {"mpeg[codec=mp1]", "MPEG-1 Layer I", kMp2Rates | kUpToStereo | AUDIOCAP_BITS16, R,
             "audio/mpeg", nullptr},
     };
@@ -372,8 +375,8 @@ namespace {
             SOVA_TAGS(kTtaTags), {}, AUD, {}, anyPcm},
         {"M4A", "MPEG-4 Audio", AUDIO_CONTAINER_MP4, "MPEG-4 Audio (*.m4a *.mp4 *.m4b)",
             "m4a|mp4|m4b", "audio/mp4", 0, SOVA_TAGS(kMp4Tags), {}, CMP, {}, anyPcm},
-        {"MP3", "MPEG audio stream", AUDIO_CONTAINER_MPEG, "MPEG audio stream (*.mp3 *.mp2 *.mp1 *.mpa)",
-            "mp3|mp2|mp1|mpa", "audio/mpeg", 0, SOVA_TAGS(kMpegTags), {}, CMP, {}, mpegCheck},
+        {"MP3", "MPEG audio stream", AUDIO_CONTAINER_MPEG, "MPEG audio stream (*.mp3 *.mp2 *.mpa)",
+            "mp3|mp2|mpa", "audio/mpeg", 0, SOVA_TAGS(kMpegTags), {}, CMP, {}, mpegCheck},
         {"OGG", "Ogg Vorbis", AUDIO_CONTAINER_OGG_VORBIS, "Ogg Vorbis (*.ogg *.oga)", "ogg|oga",
             "audio/ogg", 0, SOVA_TAGS(kOggTags), {}, CMP, {}, anyPcm},
         {"OPUS", "Ogg Opus", AUDIO_CONTAINER_OGG_OPUS, "Ogg Opus (*.opus)", "opus", "audio/opus",
@@ -420,6 +423,8 @@ namespace {
             "audio/x-musepack", 0, SOVA_TAGS(kMpcTags), {}, CMP, {}, nullptr},
         {"DTS", "DTS Coherent Acoustics", AUDIO_CONTAINER_DTS, "DTS Coherent Acoustics (*.dts)",
             "dts", "audio/vnd.dts", 0, SOVA_TAGS(kDtsTags), {}, CMP, {}, nullptr},
+        {"MP1", "MPEG-1 Layer I audio", AUDIO_CONTAINER_MPEG, "MPEG-1 Layer I audio (*.mp1)",
+            "mp1", "audio/mpeg", 0, SOVA_TAGS(kMp1Tags), {}, CMP, {}, mpegCheck},
         {"AVI", "Microsoft AVI", AUDIO_CONTAINER_AVI, "Microsoft AVI (*.avi)", "avi",
             "video/x-msvideo", 0, SOVA_TAGS(kAviTags), {}, CMP, {}, nullptr},
     };

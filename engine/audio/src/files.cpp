@@ -245,9 +245,11 @@ struct _AUDIOFILE
     bool quantise = false; // float input is dithered to integers
     bool eightBit = false; // ...of 8 bits, stored as multiples of 256
     std::vector<float> floatBlock;
+    std::vector<float> roundBlock;
     std::vector<int16_t> intBlock;
     // Range: samples beyond full scale that the target cannot keep, and the peak given.
     bool countClips = false;
+    bool roundTo24 = false; // 24-bit integer target: floats rounded to its grid first
     int64_t clipped = 0;
     double peak = 0.0;
     // Size: bytes of audio the container's 32-bit fields allow (0: no such limit).
@@ -726,6 +728,14 @@ int64_t writeNormalised(AUDIOFILE* file, const float* src, int64_t frames)
                 file->intBlock[i] = static_cast<int16_t>(v * step);
             }
             w = file->writer->write16(file->intBlock.data(), n);
+        } else if (file->roundTo24) {
+            // libsndfile and FFmpeg's 24-bit paths truncate the bits below the grid (a bias of
+            // half a step, errors up to one); samples already on it pass exactly.
+            file->roundBlock.resize(static_cast<size_t>(block * channels));
+            for (int64_t i = 0; i < n * channels; ++i)
+                file->roundBlock[i] = static_cast<float>(
+                    std::nearbyint(static_cast<double>(in[i]) * 8388608.0) / 8388608.0);
+            w = file->writer->write(file->roundBlock.data(), n);
         } else {
             w = file->writer->write(in, n);
         }
@@ -806,6 +816,10 @@ bool resolveWriteFormat(
         bits = coderBits(coder);
     if (bits == 0)
         bits = 16;
+    // A float-only container's default (wsig) given an integer source's resolution stores
+    // floats of its own width: every integer resolution fits in them.
+    if (!request.coder && request.bitsPerSample == 0 && isFloatCoder(coder) && bits != 64)
+        bits = coderBits(coder);
     if (isLossyCoder(coder))
         bits = coderBits(coder) ? coderBits(coder) : 16;
 
@@ -1023,6 +1037,8 @@ AUDIOFILE* AUDIO_CreateFileEx2(const char* pathText, const char* format, const _
         = written.bitsPerSample == 8 && coder != AUDIO_CODEC_ULAW && coder != AUDIO_CODEC_ALAW;
     file->dither.kind = request.dither >= 0 ? request.dither : AUDIODITHER_DefaultKind();
     file->countClips = !isFloatCoder(written.coder);
+    file->roundTo24 = written.bitsPerSample == 24 && !isLossyCoder(written.coder)
+        && !isFloatCoder(written.coder);
     if (has32BitSizes(written.container)) {
         file->byteLimit = sizeLimit();
         file->bytesPerFrame = storedBytesPerFrame(written);
