@@ -2,6 +2,7 @@
 
 #include "qsovaaudiofile.h"
 #include "qsovaaudioformat.h"
+#include "qsova.h"
 
 #include <QDebug>
 #include <QVector>
@@ -112,10 +113,10 @@ bool ChannelDemultiplexer(const QString& inputFile, const QStringList& outputFil
 
 bool ChannelDemultiplexer(const QString& inputFile, const QStringList& outputFiles,
     const QString& inputFormat, const QString& outputFormat,
-    QVector<QSovaAudioFile::ClipReport>* clips)
+    QVector<DemultiplexedOutput>* results)
 {
-    if (clips)
-        clips->fill(QSovaAudioFile::ClipReport(), outputFiles.size());
+    if (results)
+        results->fill(DemultiplexedOutput(), outputFiles.size());
     if (outputFiles.size() > kMaxChannels)
         return false;
     auto* input = new QSovaAudioFile(inputFile, inputFormat, QSovaAudioFile::IEEEFloat);
@@ -133,6 +134,8 @@ bool ChannelDemultiplexer(const QString& inputFile, const QStringList& outputFil
         auto* output = new QSovaAudioFile(outputFiles.at(c), format, kept);
         output->setExpectedFrames(std::max<qint64>(0, input->numSamples()));
         if (!output->open(QIODevice::WriteOnly)) {
+            if (results)
+                (*results)[c].error = QSova::lastErrorString();
             // The multiplexer's wording, shared on purpose: hosts filter both on one text.
             qDebug() << "QSova::AudioFileMultiplexer: Error creating file '" << outputFiles.at(c)
                      << "'!";
@@ -140,6 +143,8 @@ bool ChannelDemultiplexer(const QString& inputFile, const QStringList& outputFil
             continue;
         }
         outputs[c] = output;
+        if (results)
+            (*results)[c].created = true;
     }
     if (channels > 0) {
         QVector<float> frames(channels * kBlockSamples);
@@ -164,8 +169,8 @@ bool ChannelDemultiplexer(const QString& inputFile, const QStringList& outputFil
         if (!outputs.at(c))
             continue;
         outputs.at(c)->close();
-        if (clips && c < clips->size())
-            (*clips)[c] = outputs.at(c)->clipReport();
+        if (results && c < results->size())
+            (*results)[c].clips = outputs.at(c)->clipReport();
     }
     release(outputs);
     release({input});

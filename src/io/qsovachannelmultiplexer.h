@@ -19,11 +19,18 @@ namespace QSova {
 // otherwise, even when outputs were skipped.
 QTSOVACORE_EXPORT bool ChannelDemultiplexer(const QString& inputFile,
     const QStringList& outputFiles, const QString& inputFormat, const QString& outputFormat);
-// The same, filling clips (when not null) with what writing each output clipped, one entry
-// per name (empty reports for outputs not written).
+// What became of one output of a demultiplexing: created or not (and the engine's reason),
+// and what writing it clipped.
+struct DemultiplexedOutput
+{
+    bool created = false;
+    QString error;
+    QSovaAudioFile::ClipReport clips;
+};
+// The same, filling results (when not null) with one entry per name.
 QTSOVACORE_EXPORT bool ChannelDemultiplexer(const QString& inputFile,
     const QStringList& outputFiles, const QString& inputFormat, const QString& outputFormat,
-    QVector<QSovaAudioFile::ClipReport>* clips);
+    QVector<DemultiplexedOutput>* results);
 
 // Joins mono files into one file with a channel per input, in the order given, at the first
 // input's rate; an input of another rate, or with more channels, is converted to mono at that

@@ -75,23 +75,31 @@ int runSplit(const QStringList& arguments)
         before.append(QFileInfo(path).lastModified());
 
     bool ok;
-    QVector<QSovaAudioFile::ClipReport> clips;
+    QVector<QSova::DemultiplexedOutput> results;
     {
         QuietDebug quiet;
         ok = QSova::ChannelDemultiplexer(
-            in, outputs, QString(), parser.value(formatOption()), &clips);
+            in, outputs, QString(), parser.value(formatOption()), &results);
     }
     if (!ok)
         return fail("split", engineFailure(QStringLiteral("split"), in));
     int result = ExitOk;
     for (int i = 0; i < outputs.size(); ++i) {
         const QFileInfo info(outputs.at(i));
-        if (outputs.at(i) == QLatin1String("-") || (info.exists() && !info.isFile()))
-            continue; // a stream or device: its writer reported any failure
-        if (!info.exists() || (before.at(i).isValid() && info.lastModified() == before.at(i)))
+        const bool refused = i < results.size() && !results.at(i).created;
+        const bool stream
+            = outputs.at(i) == QLatin1String("-") || (info.exists() && !info.isFile());
+        if (refused && !results.at(i).error.isEmpty())
+            result = fail("split", results.at(i).error);
+        else if (!refused && stream && i < results.size())
+            warnClipped("split", outputs.at(i), results.at(i).clips); // failures were reported
+        else if (stream)
+            continue;
+        else if (refused || !info.exists()
+            || (before.at(i).isValid() && info.lastModified() == before.at(i)))
             result = fail("split", QStringLiteral("cannot write '%1'").arg(outputs.at(i)));
-        else if (i < clips.size())
-            warnClipped("split", outputs.at(i), clips.at(i));
+        else if (i < results.size())
+            warnClipped("split", outputs.at(i), results.at(i).clips);
     }
     return result;
 }
