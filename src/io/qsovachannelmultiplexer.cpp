@@ -1,8 +1,8 @@
 #include "qsovachannelmultiplexer.h"
 
+#include "qsova.h"
 #include "qsovaaudiofile.h"
 #include "qsovaaudioformat.h"
-#include "qsova.h"
 
 #include <QDebug>
 #include <QVector>
@@ -112,8 +112,7 @@ bool ChannelDemultiplexer(const QString& inputFile, const QStringList& outputFil
 }
 
 bool ChannelDemultiplexer(const QString& inputFile, const QStringList& outputFiles,
-    const QString& inputFormat, const QString& outputFormat,
-    QVector<DemultiplexedOutput>* results)
+    const QString& inputFormat, const QString& outputFormat, QVector<DemultiplexedOutput>* results)
 {
     if (results)
         results->fill(DemultiplexedOutput(), outputFiles.size());

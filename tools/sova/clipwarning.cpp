@@ -12,7 +12,8 @@ void warnClipped(const char* command, const QString& path, const QSovaAudioFile:
     err() << "sova: " << command << ": '" << path << "': " << report.clippedSamples
           << (report.clippedSamples == 1 ? " sample" : " samples")
           << " beyond full scale clipped (peak "
-          << QStringLiteral("%1%2").arg(db >= 0.0 ? QStringLiteral("+") : QString())
+          << QStringLiteral("%1%2")
+                 .arg(db >= 0.0 ? QStringLiteral("+") : QString())
                  .arg(db, 0, 'f', 1)
           << " dBFS)" << Qt::endl;
 }

@@ -6,4 +6,5 @@
 
 // Prints "sova: COMMAND: 'PATH': N samples beyond full scale clipped (peak +X.X dBFS)" to
 // standard error when report counts any; nothing otherwise.
-void warnClipped(const char* command, const QString& path, const QSovaAudioFile::ClipReport& report);
+void warnClipped(
+    const char* command, const QString& path, const QSovaAudioFile::ClipReport& report);

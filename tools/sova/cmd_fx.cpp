@@ -58,8 +58,8 @@ int runFx(const QStringList& arguments)
     format.setNumChannels(produced.numChannels());
     QSovaAudioFile sink(target, parser.value(formatOption), format);
     if (source.numSamples() > 0 && source.sampleRate() > 0)
-        sink.setExpectedFrames(qint64(double(source.numSamples()) * produced.sampleRate()
-            / source.sampleRate() + 0.5));
+        sink.setExpectedFrames(qint64(
+            double(source.numSamples()) * produced.sampleRate() / source.sampleRate() + 0.5));
     if (!sink.open(QIODevice::WriteOnly))
         return fail("fx", engineFailure(QStringLiteral("write"), target));
 

@@ -376,7 +376,8 @@ SOVAAUDIO_EXPORT int32_t AUDIO_RemoveTemporaryFiles(void);
 /* Clipped samples (all channels) and the peak magnitude (1.0 = full scale; 0 before any
  * sample) of a file open for writing, so far. Either pointer may be null. Non-zero for a file
  * open for writing. */
-SOVAAUDIO_EXPORT int32_t AUDIO_GetClipReport(AUDIOFILE* file, int64_t* clippedSamples, double* peak);
+SOVAAUDIO_EXPORT int32_t AUDIO_GetClipReport(
+    AUDIOFILE* file, int64_t* clippedSamples, double* peak);
 /* The same for the last file the calling thread closed after writing it (AUDIO_CloseFile,
  * AUDIO_AbandonFile, and the target of AUDIO_ConvertEx); 0 when it has closed none. */
 SOVAAUDIO_EXPORT int32_t AUDIO_GetLastClipReport(int64_t* clippedSamples, double* peak);
