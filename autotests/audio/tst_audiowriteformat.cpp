@@ -160,6 +160,7 @@ private slots:
     void keptResolution();
     void sizeLimits_data();
     void sizeLimits();
+    void effectOutputWritesFloat();
 
 private:
     QString path(const QString& name) const { return dir_.filePath(name); }
@@ -438,6 +439,26 @@ void TestAudioWriteFormat::sizeLimits()
         const Run soxi = run(QStringLiteral("soxi"), {QStringLiteral("-s"), target});
         QCOMPARE(soxi.out.trimmed().toLongLong(), frames);
     }
+}
+
+// The effect path's output format said 32-bit integers, so a file written in it clipped the
+// effect's float output.
+void TestAudioWriteFormat::effectOutputWritesFloat()
+{
+    const _audio_format in = AUDIO_FormatEx(48000, 2, 16);
+    _AUDIOFXPATH* fx = AUDIOFX_CreatePathEx(&in, -1, -1, 0, "gain[db=6]");
+    QVERIFY2(fx, BLERROR_LastMessage());
+    const _audio_format out = AUDIOFX_GetOutputFormat(fx);
+    AUDIOFX_DestroyPath(fx);
+    const QString target = path(QStringLiteral("fx.wav"));
+    AUDIOFILE* w = AUDIO_CreateFileEx2(target.toUtf8(), "", &out, -1, -1, 0, nullptr, 0);
+    QVERIFY2(w, BLERROR_LastMessage());
+    const float hot[2] = {1.5f, -1.25f};
+    QCOMPARE(AUDIO_WriteIEEEFloat(w, hot, 1), int64_t(1));
+    QVERIFY(AUDIO_CloseFile(w));
+    QCOMPARE(probe(target).value(QStringLiteral("codec_name")), QStringLiteral("pcm_f32le"));
+    const std::vector<float> back = decode(target);
+    QCOMPARE(back, std::vector<float>(hot, hot + 2));
 }
 
 QTEST_GUILESS_MAIN(TestAudioWriteFormat)

@@ -538,8 +538,11 @@ namespace {
 
 _audio_format floatFormat(double rate, int32_t channels)
 {
-    return AUDIO_FormatEx(static_cast<int32_t>(std::lround(rate)), static_cast<int16_t>(channels),
-                          32);
+    _audio_format f = AUDIO_FormatEx(
+        static_cast<int32_t>(std::lround(rate)), static_cast<int16_t>(channels), 32);
+    // Float samples, not 32-bit integers: a file written in this format keeps them float.
+    f.coder = AUDIO_CODEC_FLOAT32;
+    return f;
 }
 
 bool appendStage(_AUDIOFXPATH& path, StagePtr stage)
