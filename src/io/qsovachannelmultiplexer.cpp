@@ -81,10 +81,15 @@ QString withRateAndChannels(const QString& outputFormat, int rate, int channels)
 // unless the format string asks for it.
 QSovaAudioFormat widestOf(const QVector<QSovaAudioFile*>& sources, int rate, int channels)
 {
-    _audio_format widest = AUDIO_FormatEx(rate, int16_t(channels), 16);
+    _audio_format widest = AUDIO_FormatEx(rate, int16_t(channels), 0);
     for (const QSovaAudioFile* source : sources) {
-        const _audio_format f = source->format();
+        _audio_format f = source->format();
         const uint32_t codec = f.coder & AUDIO_CODEC_MASK;
+        // Companded and ADPCM sources decode to 16-bit quality, as conversions take them.
+        if (codec == AUDIO_CODEC_ULAW || codec == AUDIO_CODEC_ALAW
+            || (f.bitsPerSample != 8 && f.bitsPerSample != 16 && f.bitsPerSample != 24
+                && f.bitsPerSample != 32 && f.bitsPerSample != 64))
+            f.bitsPerSample = 16;
         const bool isFloat = codec == AUDIO_CODEC_FLOAT32 || codec == AUDIO_CODEC_FLOAT64;
         const uint32_t widestCodec = widest.coder & AUDIO_CODEC_MASK;
         const bool widestFloat
