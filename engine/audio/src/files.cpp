@@ -1039,7 +1039,8 @@ AUDIOFILE* AUDIO_CreateFileEx2(const char* pathText, const char* format, const _
     file->countClips = !isFloatCoder(written.coder);
     file->roundTo24 = written.bitsPerSample == 24 && !isLossyCoder(written.coder)
         && !isFloatCoder(written.coder);
-    if (has32BitSizes(written.container)) {
+    // A stream (pipe, socket) never gets its sizes filled in: nothing there can wrap.
+    if (has32BitSizes(written.container) && BLIO_IsSeekable(file->io)) {
         file->byteLimit = sizeLimit();
         file->bytesPerFrame = storedBytesPerFrame(written);
     }
