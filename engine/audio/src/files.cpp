@@ -751,6 +751,10 @@ bool resolveWriteFormat(
     out.container = container;
     out.coder = coder;
     out.mimeType = containerMimeType(container);
+    uint32_t mask = requestedChannelMask(request, channels);
+    if (!mask && fmtValid && fmt->numChannels == channels)
+        mask = AUDIO_FormatChannelMask(fmt);
+    AUDIO_SetFormatChannelMask(&out, mask);
     request.container = container;
     request.coder = coder;
     request.sampleRate = rate;
@@ -1144,8 +1148,12 @@ int32_t AUDIO_ConvertEx(const AUDIO_Progress* progress, const char* source,
     const int32_t channels = targetSpec.numChannels ? targetSpec.numChannels
         : fmtValid                                  ? fmt->numChannels
                                                     : sourceFormatRecord.numChannels;
-    if (rate != sourceFormatRecord.sampleRate || channels != sourceFormatRecord.numChannels) {
-        in->reader = convertingReader(std::move(in->reader), rate, channels);
+    uint32_t mask = requestedChannelMask(targetSpec, channels);
+    if (!mask && fmtValid && fmt->numChannels == channels)
+        mask = AUDIO_FormatChannelMask(fmt);
+    if (rate != sourceFormatRecord.sampleRate || channels != sourceFormatRecord.numChannels
+        || (mask && mask != layoutOf(sourceFormatRecord))) {
+        in->reader = convertingReader(std::move(in->reader), rate, channels, mask);
         if (!in->reader) {
             SavedError error;
             error.save();
@@ -1176,8 +1184,9 @@ int32_t AUDIO_ConvertEx(const AUDIO_Progress* progress, const char* source,
             break;
         }
     }
-    const _audio_format wanted
+    _audio_format wanted
         = AUDIO_FormatEx(rate, static_cast<int16_t>(channels), static_cast<int16_t>(bits));
+    AUDIO_SetFormatChannelMask(&wanted, AUDIO_FormatChannelMask(&in->reader->info().format));
     AUDIOFILE* out = AUDIO_CreateFileEx2(target, targetFormat, &wanted, -1, -1, 0, nullptr, 0);
     if (!out) {
         SavedError error;
