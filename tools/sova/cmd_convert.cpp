@@ -85,17 +85,25 @@ QString refusal(const QList<Writer>& writers, const QSovaAudioFormat& format, bo
     if (writers.isEmpty())
         return QString();
     const QString name = writers.first().typeName;
+    // A tag's 5.1 flag stands for 6 channels: judge the rest of the format as for stereo.
+    QSovaAudioFormat asStereo = format;
+    asStereo.setNumChannels(2);
+    const auto takes51 = [&](const Writer& w) {
+        return format.numChannels() == 6 && w.tag.supportedNumChannels().contains(51)
+            && w.tag.supportsFormat(asStereo, checkBits) && w.filter.supportsFormat(asStereo, false);
+    };
     for (const Writer& w : writers)
-        if (w.tag.supportsFormat(format, checkBits) && w.filter.supportsFormat(format, false))
+        if ((w.tag.supportsFormat(format, checkBits) && w.filter.supportsFormat(format, false))
+            || takes51(w))
             return QString();
 
     QList<Writer> passed;
     QList<int> channels;
     for (const Writer& w : writers) {
         for (int count : w.tag.supportedNumChannels())
-            if (count != 51) // the 5.1 layout flag, not a count
-                channels << count;
-        if (w.tag.supportedNumChannels().contains(format.numChannels()))
+            channels << (count == 51 ? 6 : count); // the 5.1 layout flag: 6 channels
+        if (w.tag.supportedNumChannels().contains(format.numChannels())
+            || (format.numChannels() == 6 && w.tag.supportedNumChannels().contains(51)))
             passed << w;
     }
     const int n = format.numChannels();

@@ -873,8 +873,11 @@ namespace {
             case AUDIO_CODEC_WAVPACK:
                 return wanted; // both store any speaker mask
             case AUDIO_CODEC_AAC:
-                // The channel configurations of MPEG-4 audio the encoder writes.
+                // The channel configurations of MPEG-4 audio; other counts go in a program
+                // config element, which decoders read back as no known layout.
                 masks = {0x4, 0x3, 0x7, 0x107, 0x37, 0x3f, 0xff};
+                if (channels == 7)
+                    return wanted;
                 break;
             default:
                 // Vorbis and Opus (mapping family 1) order channels by count alone, as do the
@@ -999,7 +1002,12 @@ namespace {
 
         // The samples come in the format's layout; an encoder that cannot store it gets them
         // remixed to its nearest layout of the same count (5.1 with side surrounds into 5.1).
-        const uint32_t given = layoutOf(fmt);
+        // Channels of no stated layout are taken to be in the encoder's own layout of the count.
+        uint32_t given = AUDIO_FormatChannelMask(&fmt);
+        if (given == 0)
+            given = storedLayout(codec, coder, AUDIO_DefaultChannelMask(channels_), channels_);
+        if (given == 0)
+            given = AUDIO_DefaultChannelMask(channels_);
         const uint32_t stored = storedLayout(codec, coder, given, channels_);
         if (stored == 0)
             return fail(AUDIOERR_UNSUPPORTED,

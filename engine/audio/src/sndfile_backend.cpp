@@ -345,6 +345,13 @@ int channelMapIdOf(uint32_t speaker)
     return 0;
 }
 
+// The layout FLAC implies for a count, as FFmpeg reads it (side surrounds for 5 and 6).
+uint32_t flacLayout(int channels)
+{
+    static const uint32_t masks[] = {0, 0x4, 0x3, 0x7, 0x33, 0x607, 0x60f, 0x70f, 0x63f};
+    return channels >= 1 && channels <= 8 ? masks[channels] : 0;
+}
+
 // Speakers in the order Vorbis and Opus (mapping family 1) store them; libsndfile passes the
 // channels through in that order.
 std::vector<uint32_t> vorbisOrder(int channels)
@@ -396,6 +403,50 @@ void permute(T* frames, int64_t count, const std::vector<int>& perm)
         for (size_t k = 0; k < n; ++k)
             p[k] = frame[perm[k]];
     }
+}
+
+// The WAVEFORMATEXTENSIBLE_CHANNEL_MASK tag of a FLAC stream's comments (how FLAC states a
+// layout other than its count's), 0 when there is none. Leaves the handle at the start.
+uint32_t flacChannelMaskTag(_HFile* io)
+{
+    if (!BLIO_IsSeekable(io) || BLIO_FilePosition(io) != 0)
+        return 0;
+    uint32_t mask = 0;
+    uint8_t head[4];
+    if (BLIO_ReadData(io, head, 4) == 4 && std::memcmp(head, "fLaC", 4) == 0) {
+        for (int blocks = 0; blocks < 64 && BLIO_ReadData(io, head, 4) == 4; ++blocks) {
+            const uint32_t length = (uint32_t(head[1]) << 16) | (uint32_t(head[2]) << 8) | head[3];
+            if ((head[0] & 0x7f) == 4 && length <= (1u << 20)) {
+                std::vector<uint8_t> block(length);
+                if (BLIO_ReadData(io, block.data(), length) != int64_t(length))
+                    break;
+                const auto le32 = [&](size_t at) {
+                    return at + 4 <= block.size() ? uint32_t(block[at]) | uint32_t(block[at + 1]) << 8
+                            | uint32_t(block[at + 2]) << 16 | uint32_t(block[at + 3]) << 24
+                                                  : UINT32_MAX;
+                };
+                size_t at = size_t(le32(0)) + 4;
+                const uint32_t count = le32(at);
+                at += 4;
+                static const char key[] = "WAVEFORMATEXTENSIBLE_CHANNEL_MASK=";
+                for (uint32_t i = 0; i < count && at < block.size(); ++i) {
+                    const uint32_t n = le32(at);
+                    if (n == UINT32_MAX || n > block.size() - at - 4)
+                        break;
+                    const std::string item(reinterpret_cast<const char*>(&block[at + 4]), n);
+                    at += 4 + n;
+                    if (item.size() > sizeof key - 1
+                        && lowered(item.substr(0, sizeof key - 1)) == lowered(key))
+                        mask = uint32_t(std::strtoul(item.c_str() + sizeof key - 1, nullptr, 0));
+                }
+                break;
+            }
+            if ((head[0] & 0x80) || BLIO_Seek(io, length, BLIO_SEEK_CUR) != 1)
+                break;
+        }
+    }
+    BLIO_Seek(io, 0, BLIO_SEEK_SET);
+    return mask;
 }
 
 // ---- Reader --------------------------------------------------------------------------------
@@ -482,6 +533,7 @@ bool SndfileReader::open(const FormatRequest& request)
     SF_INFO sfi {};
     if (raw && !rawInfo(request, sfi))
         return false;
+    const uint32_t flacMask = raw ? 0 : flacChannelMaskTag(ch_.io);
     // Anything else is detected by content: a misleading extension must not stop a read.
     sf_ = sf_open_virtual(&virtualIo, SFM_READ, &sfi, &ch_);
     if (!sf_) {
@@ -553,6 +605,13 @@ bool SndfileReader::open(const FormatRequest& request)
             speakers.push_back(speakerOf(id));
     } else if (subtype == SF_FORMAT_VORBIS || subtype == SF_FORMAT_OPUS) {
         speakers = vorbisOrder(sfi.channels);
+    } else if (major == SF_FORMAT_FLAC && (sfi.channels > 2 || flacMask)) {
+        const uint32_t mask = __builtin_popcount(flacMask) == sfi.channels
+            ? flacMask
+            : flacLayout(sfi.channels);
+        for (uint32_t bit = 1; bit; bit <<= 1)
+            if (mask & bit)
+                speakers.push_back(bit);
     }
     uint32_t mask = 0;
     std::vector<int> perm;
@@ -985,7 +1044,7 @@ void SndfileWriter::setLayout(uint32_t given, int format)
     const int n = format_.numChannels;
     uint32_t stored = 0;
     if (major == SF_FORMAT_FLAC || subtype == SF_FORMAT_VORBIS || subtype == SF_FORMAT_OPUS) {
-        stored = AUDIO_DefaultChannelMask(n);
+        stored = major == SF_FORMAT_FLAC ? flacLayout(n) : AUDIO_DefaultChannelMask(n);
         const ChannelMap map(n, given, n, stored);
         std::vector<uint32_t> order;
         if (major != SF_FORMAT_FLAC)
