@@ -251,7 +251,7 @@ const Command convertCommand = {"convert", "Convert an audio file into another f
     "[--format STRING] [--rate HZ] [--channels N] [--bits N] IN OUT",
     "OUT's format comes from --format (e.g. flac[nbits=24], mp3[kbps=192], m4a) or else from\n"
     "its extension. Rate and channels are converted when asked for (high-quality resampling;\n"
-    "mix-down to mono averages the channels). A progress bar goes to standard error when it is\n"
-    "a terminal (-q turns it off). OUT is replaced only when the conversion succeeds. IN may\n"
-    "be - (standard input), OUT - (standard output, with --format).",
+    "channels remixed by layout, ITU-R BS.775 down-mixes). A progress bar goes to standard\n"
+    "error when it is a terminal (-q turns it off). OUT is replaced only when the conversion\n"
+    "succeeds. IN may be - (standard input), OUT - (standard output, with --format).",
     runConvert};

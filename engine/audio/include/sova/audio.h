@@ -365,11 +365,16 @@ SOVAAUDIO_EXPORT int32_t AUDIO_RemoveTemporaryFiles(void);
  * FFmpeg's AV_CH_* for these 18), kept in decimal in its codecInfo option string under the key
  * "chmask" ("bitrate=128,chmask=63"). Channels come in the order of their bits. Absent, or
  * naming a different number of speakers than numChannels, means unspecified: the default
- * layout for the count. Readers fill it (WAVE_FORMAT_EXTENSIBLE masks, CAF/AIFF channel
- * chunks, the FLAC/Vorbis/Opus/MP4 conventions through FFmpeg's layouts) and deliver the
- * channels in the file's own order; writers store it where the container can (WAVEX for WAV
- * of more than 2 channels, FLAC's channel-mask tag, the codecs' own layouts). A format string
- * may ask for one with "chmask=N" when writing. */
+ * layout for the count. Readers fill it (WAVE_FORMAT_EXTENSIBLE and RF64 masks, CAF channel
+ * layouts, FLAC's count layouts and channel-mask comment, the Vorbis/Opus/MP4 conventions
+ * and FFmpeg's stream layouts) and deliver the channels in the file's own order, as mask order
+ * (Ogg read through libsndfile is reordered from Vorbis order). Writers store it where the
+ * container can: WAVE_FORMAT_EXTENSIBLE for WAV of more than 2 channels or of another layout
+ * than the count's, RF64, FLAC's channel-mask comment, WavPack, and the codecs' own layouts
+ * (AAC, ALAC, AC-3, Vorbis and Opus by count); a codec without the layout gets the channels
+ * remixed into its nearest layout of the same count. AIFF, CAF, W64, AU and the raw formats
+ * store the count alone. The format of an open file reports the layout actually stored. A
+ * format string may ask for one with "chmask=N" when writing. */
 enum {
     AUDIO_SPEAKER_FL = 0x1,
     AUDIO_SPEAKER_FR = 0x2,
@@ -398,7 +403,8 @@ SOVAAUDIO_EXPORT uint32_t AUDIO_FormatChannelMask(const _audio_format* format);
 SOVAAUDIO_EXPORT int32_t AUDIO_SetFormatChannelMask(_audio_format* format, uint32_t mask);
 /* The layout a bare count stands for: 1 FC, 2 FL+FR, 3 +FC, 4 quad (FL FR BL BR), 5 5.0
  * (FL FR FC BL BR), 6 5.1 (FL FR FC LFE BL BR), 7 6.1 (FL FR FC LFE BC SL SR), 8 7.1 (FL FR FC
- * LFE BL BR SL SR): FLAC's and WAVE_FORMAT_EXTENSIBLE's. 0 outside 1..8. */
+ * LFE BL BR SL SR), as WAVE_FORMAT_EXTENSIBLE and Vorbis have them (FLAC files of 5 and 6
+ * channels without a mask read as side surrounds, as FFmpeg reads them). 0 outside 1..8. */
 SOVAAUDIO_EXPORT uint32_t AUDIO_DefaultChannelMask(int32_t channels);
 /* A persistent name: "mono", "stereo", "5.1", "5.1(side)", "7.1", ... as FFmpeg names them,
  * else the speakers joined by "+" ("FL+FR+LFE"). mask 0 (or of another count than channels,
