@@ -583,14 +583,17 @@ _AUDIOFXPATH* AUDIOFX_CreatePathEx(const _audio_format* input, int32_t outputRat
         auto path = std::make_unique<_AUDIOFXPATH>();
         path->inRate = path->outRate = input->sampleRate;
         path->inChannels = path->outChannels = input->numChannels;
+        // The input's layout until a stage changes the channels, then the default of the count.
+        uint32_t mask = AUDIO_FormatChannelMask(input);
         for (const std::string& item : splitOutside(description ? description : "", ';')) {
             if (trimmed(item).empty())
                 continue;
             EffectText fx;
             if (!splitEffect(item, fx)
-                || !appendStage(*path, makeStage(fx, path->outChannels, path->outRate,
-                    path->outChannels == path->inChannels ? AUDIO_FormatChannelMask(input) : 0)))
+                || !appendStage(*path, makeStage(fx, path->outChannels, path->outRate, mask)))
                 return nullptr;
+            if (path->stages.back()->outChannels != path->stages.back()->inChannels)
+                mask = 0;
         }
         // Conversions to what the caller asked for: fewer channels before resampling, more
         // after, so that soxr works on the fewest.
@@ -598,8 +601,7 @@ _AUDIOFXPATH* AUDIOFX_CreatePathEx(const _audio_format* input, int32_t outputRat
         const auto mix = [&]() {
             return outputChannels == -1 || outputChannels == path->outChannels
                 || appendStage(*path, std::make_unique<MixStage>(path->outChannels, path->outRate,
-                                                                 outputChannels,
-                    path->outChannels == path->inChannels ? AUDIO_FormatChannelMask(input) : 0));
+                                                                 outputChannels, mask));
         };
         if (mixFirst && !mix())
             return nullptr;
