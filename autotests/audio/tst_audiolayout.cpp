@@ -77,8 +77,9 @@ class TestAudioLayout : public QObject
     {
         Decoded d;
         QByteArray probe;
-        if (!run(ffprobe_, {"-v", "error", "-select_streams", "a:0", "-show_entries",
-                     "stream=channels,channel_layout", "-of", "default=nw=1", file},
+        if (!run(ffprobe_,
+                {"-v", "error", "-select_streams", "a:0", "-show_entries",
+                    "stream=channels,channel_layout", "-of", "default=nw=1", file},
                 &probe))
             return d;
         int channels = 0;
@@ -110,8 +111,8 @@ class TestAudioLayout : public QObject
     bool convert(const QString& in, const QString& out, const char* format, int channels)
     {
         _audio_format fmt = AUDIO_FormatEx(48000, int16_t(channels), 16);
-        return AUDIO_ConvertEx(nullptr, in.toUtf8().constData(), nullptr,
-                   out.toUtf8().constData(), format, channels > 0 ? &fmt : nullptr)
+        return AUDIO_ConvertEx(nullptr, in.toUtf8().constData(), nullptr, out.toUtf8().constData(),
+                   format, channels > 0 ? &fmt : nullptr)
             == 1;
     }
 
@@ -173,11 +174,9 @@ private slots:
         const QStringList names {"FL", "FR", "FC", "LFE", "BL", "BR"};
         const QVector<QVector<double>> stereo {{k2, 0}, {0, k2}, {k2 * M_SQRT1_2, k2 * M_SQRT1_2},
             {0, 0}, {k2 * M_SQRT1_2, 0}, {0, k2 * M_SQRT1_2}};
-        const QVector<double> mono {
-            k1 * M_SQRT1_2, k1 * M_SQRT1_2, k1, 0, k1 * 0.5, k1 * 0.5};
+        const QVector<double> mono {k1 * M_SQRT1_2, k1 * M_SQRT1_2, k1, 0, k1 * 0.5, k1 * 0.5};
         for (int c = 0; c < 6; ++c) {
-            QTest::addRow("5.1 %s to stereo", qPrintable(names[c]))
-                << "5.1" << c << 2 << stereo[c];
+            QTest::addRow("5.1 %s to stereo", qPrintable(names[c])) << "5.1" << c << 2 << stereo[c];
             QTest::addRow("5.1 %s to mono", qPrintable(names[c]))
                 << "5.1" << c << 1 << QVector<double> {mono[c]};
         }
@@ -196,18 +195,20 @@ private slots:
         QVERIFY(make(in, layout, channel, {"-c:a", "pcm_s16le"}));
         QVERIFY2(convert(in, out, "wav", channels), BLERROR_LastMessage());
         const Decoded ours = decode(out);
-        QVERIFY(run(ffmpeg_, {"-v", "error", "-y", "-i", in, "-ac", QString::number(channels),
-                                 "-c:a", "pcm_s16le", ref}));
+        QVERIFY(run(ffmpeg_,
+            {"-v", "error", "-y", "-i", in, "-ac", QString::number(channels), "-c:a", "pcm_s16le",
+                ref}));
         const Decoded theirs = decode(ref);
         QCOMPARE(ours.rmsDb.size(), channels);
         QCOMPARE(theirs.rmsDb.size(), channels);
         for (int c = 0; c < channels; ++c) {
             const double want = gains[c] > 0 ? kToneDb + 20.0 * std::log10(gains[c]) : -200.0;
-            const QString what = QStringLiteral("channel %1: ours %2 dB, BS.775 %3 dB, ffmpeg %4 dB")
-                                     .arg(c)
-                                     .arg(ours.rmsDb[c])
-                                     .arg(want)
-                                     .arg(theirs.rmsDb[c]);
+            const QString what
+                = QStringLiteral("channel %1: ours %2 dB, BS.775 %3 dB, ffmpeg %4 dB")
+                      .arg(c)
+                      .arg(ours.rmsDb[c])
+                      .arg(want)
+                      .arg(theirs.rmsDb[c]);
             if (gains[c] > 0) {
                 QVERIFY2(std::fabs(ours.rmsDb[c] - want) < 0.1, qPrintable(what));
                 QVERIFY2(std::fabs(ours.rmsDb[c] - theirs.rmsDb[c]) < 0.2, qPrintable(what));
@@ -229,7 +230,8 @@ private slots:
             << "stereo" << 1 << 6 << QVector<double> {0, 1, 0, 0, 0, 0};
         QTest::newRow("stereo left to 5.1 left, not centre")
             << "stereo" << 0 << 6 << QVector<double> {1, 0, 0, 0, 0, 0};
-        QTest::newRow("mono to 5.1 centre") << "mono" << 0 << 6 << QVector<double> {0, 0, 1, 0, 0, 0};
+        QTest::newRow("mono to 5.1 centre")
+            << "mono" << 0 << 6 << QVector<double> {0, 0, 1, 0, 0, 0};
         QTest::newRow("mono to both of stereo") << "mono" << 0 << 2 << QVector<double> {1, 1};
     }
 
@@ -263,24 +265,52 @@ private slots:
         QTest::addColumn<QString>("format");
         QTest::addColumn<QString>("layout");
         QTest::addColumn<double>("tolerance");
-        QTest::newRow("wav") << "a.wav" << "wav" << "5.1" << 0.05;
-        QTest::newRow("rf64") << "a.rf64" << "rf64" << "5.1" << 0.05;
-        QTest::newRow("flac") << "a.flac" << "flac" << "5.1" << 0.05;
+        QTest::newRow("wav") << "a.wav"
+                             << "wav"
+                             << "5.1" << 0.05;
+        QTest::newRow("rf64") << "a.rf64"
+                              << "rf64"
+                              << "5.1" << 0.05;
+        QTest::newRow("flac") << "a.flac"
+                              << "flac"
+                              << "5.1" << 0.05;
         // libsndfile's 8-bit FLAC is labelled by count, which FFmpeg reads as side surrounds.
-        QTest::newRow("flac 8-bit") << "b.flac" << "flac[nbits=8]" << "5.1(side)" << 1.0;
-        QTest::newRow("aac") << "a.m4a" << "m4a" << "5.1" << 0.5;
-        QTest::newRow("alac") << "b.m4a" << "m4a[codec=alac]" << "5.1" << 0.05;
+        QTest::newRow("flac 8-bit") << "b.flac"
+                                    << "flac[nbits=8]"
+                                    << "5.1(side)" << 1.0;
+        QTest::newRow("aac") << "a.m4a"
+                             << "m4a"
+                             << "5.1" << 0.5;
+        QTest::newRow("alac") << "b.m4a"
+                              << "m4a[codec=alac]"
+                              << "5.1" << 0.05;
         // Vorbis lifts a quiet low tone in the LFE by 2 dB, with ffmpeg's own encoder too;
         // neighbouring channels differ by 6 dB, so a misplaced channel still shows.
-        QTest::newRow("vorbis") << "a.ogg" << "ogg" << "5.1" << 2.5;
-        QTest::newRow("opus") << "a.opus" << "opus" << "5.1" << 1.0;
+        QTest::newRow("vorbis") << "a.ogg"
+                                << "ogg"
+                                << "5.1" << 2.5;
+        QTest::newRow("opus") << "a.opus"
+                              << "opus"
+                              << "5.1" << 1.0;
         // AC-3's 3/2 mode: FFmpeg names its surrounds side.
-        QTest::newRow("ac3") << "a.ac3" << "ac3" << "5.1(side)" << 0.5;
-        QTest::newRow("wavpack") << "a.wv" << "wv" << "5.1" << 0.05;
-        QTest::newRow("matroska flac") << "a.mka" << "mka" << "5.1" << 0.05;
-        QTest::newRow("matroska vorbis") << "b.mka" << "mka[codec=vorbis]" << "5.1" << 2.5;
-        QTest::newRow("matroska aac") << "c.mka" << "mka[codec=aac]" << "5.1" << 0.5;
-        QTest::newRow("matroska ac3") << "d.mka" << "mka[codec=ac3]" << "5.1(side)" << 0.5;
+        QTest::newRow("ac3") << "a.ac3"
+                             << "ac3"
+                             << "5.1(side)" << 0.5;
+        QTest::newRow("wavpack") << "a.wv"
+                                 << "wv"
+                                 << "5.1" << 0.05;
+        QTest::newRow("matroska flac") << "a.mka"
+                                       << "mka"
+                                       << "5.1" << 0.05;
+        QTest::newRow("matroska vorbis") << "b.mka"
+                                         << "mka[codec=vorbis]"
+                                         << "5.1" << 2.5;
+        QTest::newRow("matroska aac") << "c.mka"
+                                      << "mka[codec=aac]"
+                                      << "5.1" << 0.5;
+        QTest::newRow("matroska ac3") << "d.mka"
+                                      << "mka[codec=ac3]"
+                                      << "5.1(side)" << 0.5;
     }
 
     void roundTrip()
@@ -299,7 +329,10 @@ private slots:
         for (int c = 0; c < 6; ++c) {
             const double want = kToneDb + 20.0 * std::log10(std::pow(0.5, c));
             QVERIFY2(std::fabs(got.rmsDb[c] - want) < tolerance,
-                qPrintable(QStringLiteral("channel %1: %2 dB, want %3").arg(c).arg(got.rmsDb[c]).arg(want)));
+                qPrintable(QStringLiteral("channel %1: %2 dB, want %3")
+                               .arg(c)
+                               .arg(got.rmsDb[c])
+                               .arg(want)));
         }
         // The engine reads back the layout it wrote, channels in place.
         File f(AUDIO_LoadFileEx2(out.toUtf8().constData(), nullptr, 0, 0, 0));
@@ -316,14 +349,22 @@ private slots:
         QTest::addColumn<QString>("name");
         QTest::addColumn<QString>("layout");
         QTest::addColumn<QStringList>("codec");
-        QTest::newRow("wavex side") << "r.wav" << "5.1(side)" << QStringList {"-c:a", "pcm_s16le"};
-        QTest::newRow("flac side") << "r.flac" << "5.1(side)" << QStringList {"-c:a", "flac"};
-        QTest::newRow("flac back") << "s.flac" << "5.1" << QStringList {"-c:a", "flac"};
-        QTest::newRow("ogg centre not in right") << "r.ogg" << "5.1" << QStringList {"-c:a", "libvorbis"};
-        QTest::newRow("opus centre not in right") << "r.opus" << "5.1" << QStringList {"-c:a", "libopus"};
-        QTest::newRow("aac") << "r.m4a" << "5.1" << QStringList {"-c:a", "aac"};
-        QTest::newRow("wavpack side") << "r.wv" << "5.1(side)" << QStringList {"-c:a", "wavpack"};
-        QTest::newRow("7.1 wav") << "t.wav" << "7.1" << QStringList {"-c:a", "pcm_s16le"};
+        QTest::newRow("wavex side") << "r.wav"
+                                    << "5.1(side)" << QStringList {"-c:a", "pcm_s16le"};
+        QTest::newRow("flac side") << "r.flac"
+                                   << "5.1(side)" << QStringList {"-c:a", "flac"};
+        QTest::newRow("flac back") << "s.flac"
+                                   << "5.1" << QStringList {"-c:a", "flac"};
+        QTest::newRow("ogg centre not in right") << "r.ogg"
+                                                 << "5.1" << QStringList {"-c:a", "libvorbis"};
+        QTest::newRow("opus centre not in right") << "r.opus"
+                                                  << "5.1" << QStringList {"-c:a", "libopus"};
+        QTest::newRow("aac") << "r.m4a"
+                             << "5.1" << QStringList {"-c:a", "aac"};
+        QTest::newRow("wavpack side") << "r.wv"
+                                      << "5.1(side)" << QStringList {"-c:a", "wavpack"};
+        QTest::newRow("7.1 wav") << "t.wav"
+                                 << "7.1" << QStringList {"-c:a", "pcm_s16le"};
     }
 
     void readers()

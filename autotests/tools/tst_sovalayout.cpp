@@ -3,7 +3,8 @@
 #include <cmath>
 
 // sova convert and info on 5.1 files made by ffmpeg, as a user would run them.
-class tst_SovaLayout : public QObject {
+class tst_SovaLayout : public QObject
+{
     Q_OBJECT
 
     QTemporaryDir m_dir;
@@ -12,7 +13,7 @@ class tst_SovaLayout : public QObject {
     QString path(const char* name) const { return m_dir.filePath(QLatin1String(name)); }
 
     static bool run(const QString& program, const QStringList& arguments, QByteArray* out = nullptr,
-                    QByteArray* err = nullptr)
+        QByteArray* err = nullptr)
     {
         QProcess process;
         process.start(program, arguments);
@@ -30,7 +31,7 @@ class tst_SovaLayout : public QObject {
     {
         QByteArray raw;
         if (!run(m_ffmpeg, {"-v", "error", "-i", file, "-f", "f32le", "-c:a", "pcm_f32le", "-"},
-                 &raw))
+                &raw))
             return {};
         const auto* s = reinterpret_cast<const float*>(raw.constData());
         const qint64 frames = raw.size() / qint64(sizeof(float)) / channels;
@@ -52,9 +53,10 @@ private slots:
         if (m_ffmpeg.isEmpty())
             QSKIP("no ffmpeg on PATH");
         // Dialogue in the centre only, side surrounds.
-        QVERIFY(run(m_ffmpeg, {"-v", "error", "-y", "-f", "lavfi", "-i",
-                               "sine=frequency=300:sample_rate=48000:duration=1", "-af",
-                               "pan=5.1(side)|c2=c0", "-c:a", "pcm_s16le", path("centre.wav")}));
+        QVERIFY(run(m_ffmpeg,
+            {"-v", "error", "-y", "-f", "lavfi", "-i",
+                "sine=frequency=300:sample_rate=48000:duration=1", "-af", "pan=5.1(side)|c2=c0",
+                "-c:a", "pcm_s16le", path("centre.wav")}));
     }
 
     // The centre once came out as two silent channels.
@@ -64,17 +66,20 @@ private slots:
         QVERIFY2(run(QStringLiteral(SOVA_BINARY),
                      {"convert", "-q", path("centre.wav"), path("stereo.wav"), "--channels", "2"},
                      nullptr, &err),
-                 err.constData());
-        QVERIFY(run(m_ffmpeg, {"-v", "error", "-y", "-i", path("centre.wav"), "-ac", "2",
-                               "-c:a", "pcm_s16le", path("ffstereo.wav")}));
+            err.constData());
+        QVERIFY(run(m_ffmpeg,
+            {"-v", "error", "-y", "-i", path("centre.wav"), "-ac", "2", "-c:a", "pcm_s16le",
+                path("ffstereo.wav")}));
         const QVector<double> ours = levels(path("stereo.wav"), 2);
         const QVector<double> theirs = levels(path("ffstereo.wav"), 2);
         QCOMPARE(ours.size(), 2);
         QCOMPARE(theirs.size(), 2);
         for (int c = 0; c < 2; ++c)
             QVERIFY2(std::fabs(ours[c] - theirs[c]) < 0.2,
-                     qPrintable(QStringLiteral("channel %1: %2 dB, ffmpeg %3 dB")
-                                    .arg(c).arg(ours[c]).arg(theirs[c])));
+                qPrintable(QStringLiteral("channel %1: %2 dB, ffmpeg %3 dB")
+                               .arg(c)
+                               .arg(ours[c])
+                               .arg(theirs[c])));
     }
 
     void infoShowsLayout()
@@ -89,8 +94,10 @@ private slots:
     {
         QTest::addColumn<QString>("name");
         QTest::addColumn<QString>("format");
-        QTest::newRow("ac3") << "out.ac3" << "";
-        QTest::newRow("alac") << "out.m4a" << "m4a[codec=alac]";
+        QTest::newRow("ac3") << "out.ac3"
+                             << "";
+        QTest::newRow("alac") << "out.m4a"
+                              << "m4a[codec=alac]";
     }
 
     void fivePointOneIntoCodecsWithTheFlag()
@@ -107,7 +114,7 @@ private slots:
         QCOMPARE(db.size(), 6);
         for (int c = 0; c < 6; ++c)
             QVERIFY2((c == 2) == (db[c] > -40.0),
-                     qPrintable(QStringLiteral("channel %1: %2 dB").arg(c).arg(db[c])));
+                qPrintable(QStringLiteral("channel %1: %2 dB").arg(c).arg(db[c])));
     }
 };
 

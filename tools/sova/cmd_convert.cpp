@@ -90,7 +90,8 @@ QString refusal(const QList<Writer>& writers, const QSovaAudioFormat& format, bo
     asStereo.setNumChannels(2);
     const auto takes51 = [&](const Writer& w) {
         return format.numChannels() == 6 && w.tag.supportedNumChannels().contains(51)
-            && w.tag.supportsFormat(asStereo, checkBits) && w.filter.supportsFormat(asStereo, false);
+            && w.tag.supportsFormat(asStereo, checkBits)
+            && w.filter.supportsFormat(asStereo, false);
     };
     for (const Writer& w : writers)
         if ((w.tag.supportsFormat(format, checkBits) && w.filter.supportsFormat(format, false))

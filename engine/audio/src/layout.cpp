@@ -19,8 +19,8 @@ namespace {
     constexpr double kMinus3dB = 0.70710678118654752;
     constexpr int kSpeakerBits = 18; // FL .. TBR: the WAVE_FORMAT_EXTENSIBLE speakers
 
-    constexpr const char* kSpeakerNames[kSpeakerBits] = {"FL", "FR", "FC", "LFE", "BL", "BR",
-        "FLC", "FRC", "BC", "SL", "SR", "TC", "TFL", "TFC", "TFR", "TBL", "TBC", "TBR"};
+    constexpr const char* kSpeakerNames[kSpeakerBits] = {"FL", "FR", "FC", "LFE", "BL", "BR", "FLC",
+        "FRC", "BC", "SL", "SR", "TC", "TFL", "TFC", "TFR", "TBL", "TBC", "TBR"};
 
     struct NamedLayout
     {
@@ -108,7 +108,8 @@ namespace {
         case 0x400: // SR
             if (side(0x10, 0x20, speaker == 0x200))
                 return true;
-            return place(speaker == 0x200 ? 0x1 : 0x2, gain * kMinus3dB, outMask, column, depth + 1);
+            return place(
+                speaker == 0x200 ? 0x1 : 0x2, gain * kMinus3dB, outMask, column, depth + 1);
         case 0x100: // BC
             if ((outMask & 0x30) == 0x30)
                 return put(0x10, gain * kMinus3dB), put(0x20, gain * kMinus3dB);
@@ -127,10 +128,12 @@ namespace {
             return place(0x4, gain * kMinus3dB, outMask, column, depth + 1);
         case 0x1000: // TFL
         case 0x4000: // TFR
-            return place(speaker == 0x1000 ? 0x1 : 0x2, gain * kMinus3dB, outMask, column, depth + 1);
+            return place(
+                speaker == 0x1000 ? 0x1 : 0x2, gain * kMinus3dB, outMask, column, depth + 1);
         case 0x8000: // TBL
         case 0x20000: // TBR
-            return place(speaker == 0x8000 ? 0x10 : 0x20, gain * kMinus3dB, outMask, column, depth + 1);
+            return place(
+                speaker == 0x8000 ? 0x10 : 0x20, gain * kMinus3dB, outMask, column, depth + 1);
         case 0x10000: // TBC
             return place(0x100, gain * kMinus3dB, outMask, column, depth + 1);
         default: // speakers without a position of their own: as the centre

@@ -387,7 +387,8 @@ bool maskOrder(const std::vector<uint32_t>& speakers, uint32_t& mask, std::vecto
     perm.clear();
     for (uint32_t bit = 1; bit && perm.size() < speakers.size(); bit <<= 1)
         if (mask & bit)
-            perm.push_back(int(std::find(speakers.begin(), speakers.end(), bit) - speakers.begin()));
+            perm.push_back(
+                int(std::find(speakers.begin(), speakers.end(), bit) - speakers.begin()));
     return !speakers.empty();
 }
 
@@ -421,9 +422,10 @@ uint32_t flacChannelMaskTag(_HFile* io)
                 if (BLIO_ReadData(io, block.data(), length) != int64_t(length))
                     break;
                 const auto le32 = [&](size_t at) {
-                    return at + 4 <= block.size() ? uint32_t(block[at]) | uint32_t(block[at + 1]) << 8
+                    return at + 4 <= block.size()
+                        ? uint32_t(block[at]) | uint32_t(block[at + 1]) << 8
                             | uint32_t(block[at + 2]) << 16 | uint32_t(block[at + 3]) << 24
-                                                  : UINT32_MAX;
+                        : UINT32_MAX;
                 };
                 size_t at = size_t(le32(0)) + 4;
                 const uint32_t count = le32(at);
