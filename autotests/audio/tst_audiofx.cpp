@@ -208,12 +208,14 @@ private slots:
             << "mix[nch=1]" << -1 << QVector<float> {0.5f, -0.1f} << QVector<float> {0.2f};
         QTest::newRow("mono to stereo duplicates")
             << "mix[nch=2]" << -1 << QVector<float> {0.3f} << QVector<float> {0.3f, 0.3f};
-        QTest::newRow("three to two keeps the first")
+        // 3.0 to stereo: the centre at -3 dB into both, scaled by 1 / (1 + 0.707).
+        QTest::newRow("three to two folds the centre in")
             << "mix[nch=2]" << -1 << QVector<float> {0.1f, 0.2f, 0.3f}
-            << QVector<float> {0.1f, 0.2f};
-        QTest::newRow("two to three wraps")
+            << QVector<float> {float((0.1 + M_SQRT1_2 * 0.3) / (1 + M_SQRT1_2)),
+                   float((0.2 + M_SQRT1_2 * 0.3) / (1 + M_SQRT1_2))};
+        QTest::newRow("two to three leaves the centre silent")
             << "mix[nch=3]" << -1 << QVector<float> {0.1f, 0.2f}
-            << QVector<float> {0.1f, 0.2f, 0.1f};
+            << QVector<float> {0.1f, 0.2f, 0.0f};
         QTest::newRow("asked for by the caller")
             << "gain[factor=2]" << 1 << QVector<float> {0.1f, 0.3f} << QVector<float> {0.4f};
         QTest::newRow("empty chain")

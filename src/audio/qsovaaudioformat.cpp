@@ -344,6 +344,25 @@ void QSovaAudioFormat::setSampleRate(int sampleRate)
     d->format.sampleRate = sampleRate;
 }
 
+quint32 QSovaAudioFormat::channelMask() const
+{
+    return AUDIO_FormatChannelMask(&d->format);
+}
+
+bool QSovaAudioFormat::setChannelMask(quint32 mask)
+{
+    _audio_format format = d->format;
+    if (!AUDIO_SetFormatChannelMask(&format, mask))
+        return false;
+    d->format.codecInfo = format.codecInfo;
+    return true;
+}
+
+QString QSovaAudioFormat::channelLayoutName() const
+{
+    return QString::fromUtf8(AUDIO_ChannelLayoutName(channelMask(), d->format.numChannels));
+}
+
 void QSovaAudioFormat::setNumChannels(int numChannels)
 {
     d->format.numChannels = static_cast<int16_t>(numChannels);

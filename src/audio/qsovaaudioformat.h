@@ -194,6 +194,16 @@ public:
     // "|"-separated alternative keys that is present, empty when none is.
     QString codecExtendedInfo(const QString& keys = QString()) const;
 
+    // The channel layout: a speaker mask (AUDIO_SPEAKER_* of <sova/audio.h>) kept in the codec
+    // information under "chmask"; 0 when unspecified, which stands for the default layout of
+    // numChannels() (AUDIO_DefaultChannelMask). setChannelMask() keeps the other keys; 0 removes
+    // the mask; false, changing nothing, for a mask of another speaker count than numChannels().
+    quint32 channelMask() const;
+    bool setChannelMask(quint32 mask);
+    // "mono", "stereo", "5.1", "5.1(side)", "7.1", ..., else "FL+FR+LFE"; the default layout's
+    // name when unspecified.
+    QString channelLayoutName() const;
+
     // Setters: no range check; channels and resolution are stored in 16 bits.
     void setSampleRate(int sampleRate);
     void setNumChannels(int numChannels);

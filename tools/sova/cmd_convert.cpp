@@ -86,17 +86,26 @@ QString refusal(const QList<Writer>& writers, const QSovaAudioFormat& format, bo
     if (writers.isEmpty())
         return QString();
     const QString name = writers.first().typeName;
+    // A tag's 5.1 flag stands for 6 channels: judge the rest of the format as for stereo.
+    QSovaAudioFormat asStereo = format;
+    asStereo.setNumChannels(2);
+    const auto takes51 = [&](const Writer& w) {
+        return format.numChannels() == 6 && w.tag.supportedNumChannels().contains(51)
+            && w.tag.supportsFormat(asStereo, checkBits)
+            && w.filter.supportsFormat(asStereo, false);
+    };
     for (const Writer& w : writers)
-        if (w.tag.supportsFormat(format, checkBits) && w.filter.supportsFormat(format, false))
+        if ((w.tag.supportsFormat(format, checkBits) && w.filter.supportsFormat(format, false))
+            || takes51(w))
             return QString();
 
     QList<Writer> passed;
     QList<int> channels;
     for (const Writer& w : writers) {
         for (int count : w.tag.supportedNumChannels())
-            if (count != 51) // the 5.1 layout flag, not a count
-                channels << count;
-        if (w.tag.supportedNumChannels().contains(format.numChannels()))
+            channels << (count == 51 ? 6 : count); // the 5.1 layout flag: 6 channels
+        if (w.tag.supportedNumChannels().contains(format.numChannels())
+            || (format.numChannels() == 6 && w.tag.supportedNumChannels().contains(51)))
             passed << w;
     }
     const int n = format.numChannels();
@@ -245,7 +254,7 @@ const Command convertCommand = {"convert", "Convert an audio file into another f
     "[--format STRING] [--rate HZ] [--channels N] [--bits N] IN OUT",
     "OUT's format comes from --format (e.g. flac[nbits=24], mp3[kbps=192], m4a) or else from\n"
     "its extension. Rate and channels are converted when asked for (high-quality resampling;\n"
-    "mix-down to mono averages the channels). A progress bar goes to standard error when it is\n"
-    "a terminal (-q turns it off). OUT is replaced only when the conversion succeeds. IN may\n"
-    "be - (standard input), OUT - (standard output, with --format).",
+    "channels remixed by layout, ITU-R BS.775 down-mixes). A progress bar goes to standard\n"
+    "error when it is a terminal (-q turns it off). OUT is replaced only when the conversion\n"
+    "succeeds. IN may be - (standard input), OUT - (standard output, with --format).",
     runConvert};

@@ -59,6 +59,8 @@ void printBlock(const QString& path, QSovaAudioFile& file)
     if (file.numChannels() <= 2)
         o << " (" << QSovaAudioFormat::numChannelsToString(file.numChannels(), false) << ")";
     o << Qt::endl;
+    o << "  layout      " << format.channelLayoutName()
+      << (format.channelMask() == 0 && file.numChannels() > 2 ? " (assumed)" : "") << Qt::endl;
     o << "  resolution  " << format.resolution() << " bits" << Qt::endl;
     o << "  duration    " << (seconds >= 0.0 ? durationText(seconds) : QStringLiteral("unknown"))
       << Qt::endl;

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace sova::audio {
 
@@ -93,15 +94,33 @@ void quietFfmpegLogs();
 bool sndfileWrites(uint32_t container, uint32_t coder);
 bool ffmpegWrites(uint32_t container, uint32_t coder);
 
-// Maps interleaved frames from inChannels to outChannels: a mix-down to mono averages; from
-// mono every channel gets the signal; otherwise out channel i takes in channel i mod
-// inChannels. in and out may be the same buffer only when the counts are equal.
-void mapChannels(
-    const float* in, int32_t inChannels, float* out, int32_t outChannels, int64_t frames);
+// A remix from one channel layout to another through AUDIO_ChannelMixMatrix (a mask of 0, or
+// one whose speaker count differs from the channel count, stands for the count's default).
+struct ChannelMap
+{
+    ChannelMap(int32_t inChannels, uint32_t inMask, int32_t outChannels, uint32_t outMask);
+    // Interleaved frames; src and dst may be the same buffer only for an identity.
+    void apply(const float* src, float* dst, int64_t frames) const;
+    int32_t in, out;
+    bool identity = false;
+    std::vector<float> matrix; // out x in, row-major
+};
 
-// Wraps a reader so that it delivers rate `sampleRate` and `numChannels` channels (0 = keep).
-std::unique_ptr<Reader> convertingReader(
-    std::unique_ptr<Reader> source, int32_t sampleRate, int32_t numChannels);
+// One-off remix of interleaved frames (see ChannelMap).
+void mapChannels(const float* in, int32_t inChannels, uint32_t inMask, float* out,
+    int32_t outChannels, uint32_t outMask, int64_t frames);
+
+// The layout of a format: its own mask, else the default for its channel count.
+uint32_t layoutOf(const _audio_format& format);
+// The "chmask=N" option of a format string when it names `channels` speakers, else 0.
+uint32_t requestedChannelMask(const FormatRequest& request, int32_t channels);
+// codecInfo with its "chmask" item replaced by mask (0: removed), pooled; null when empty.
+const char* withChannelMask(const char* codecInfo, uint32_t mask);
+
+// Wraps a reader so that it delivers rate `sampleRate` and `numChannels` channels (0 = keep)
+// in the layout `channelMask` (0 = the default for the count).
+std::unique_ptr<Reader> convertingReader(std::unique_ptr<Reader> source, int32_t sampleRate,
+    int32_t numChannels, uint32_t channelMask = 0);
 
 // Tables of formats.cpp. Container of a file extension without the dot ("wav", "M4A"), 0 when
 // unknown; the codec a container gets when the format string names none; whether a codec is

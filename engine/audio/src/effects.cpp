@@ -8,8 +8,8 @@
 // (blstring.h); every option key must be one the effect knows.
 //   gain[db=D] or gain[factor=F]   multiplies by 10^(D/20), or by F (one of the two, not both)
 //   resample[sr=R]                 soxr, very high quality; R from 10 to 500000 Hz
-//   mix[nch=N]                     N channels (1..8): to mono averages, from mono duplicates,
-//                                  otherwise channel i takes channel i mod the input count
+//   mix[nch=N]                     N channels (1..8) in their default layout, remixed from the
+//                                  input's by AUDIO_ChannelMixMatrix (BS.775 down-mixes)
 //   highpass[fc=HZ,order=2|4]      Butterworth, as biquads; fc below half the rate at that
 //   lowpass[fc=HZ,order=2|4]       point of the chain; order 2 when not given
 //   speed[factor=F]                plays F times as fast (0.01..100), pitch following: the
@@ -48,7 +48,6 @@ using sova::audio::Biquad;
 using sova::audio::butterworth;
 using sova::audio::kPi;
 using sova::audio::lowered;
-using sova::audio::mapChannels;
 using sova::audio::trimmed;
 
 // Input frames taken per slice: bounds the output held between calls.
@@ -113,16 +112,21 @@ private:
 class MixStage : public Stage
 {
 public:
-    MixStage(int32_t channels, double rate, int32_t target) : Stage(channels, rate)
+    // From the layout inMask (0: the default for the count) to the default layout of target.
+    MixStage(int32_t channels, double rate, int32_t target, uint32_t inMask = 0)
+        : Stage(channels, rate), m_map(channels, inMask, target, 0)
     {
         outChannels = target;
     }
     bool process(const float* in, int64_t frames, std::vector<float>& out) override
     {
         float* dst = grow(out, frames, outChannels);
-        mapChannels(in, inChannels, dst, outChannels, frames);
+        m_map.apply(in, dst, frames);
         return true;
     }
+
+private:
+    sova::audio::ChannelMap m_map;
 };
 
 
@@ -389,7 +393,7 @@ StagePtr makeResample(int32_t channels, double rate, double toRate, const std::s
 }
 
 // The stage for one effect at the given point of the chain; null (recorded) on error.
-StagePtr makeStage(const EffectText& fx, int32_t channels, double rate)
+StagePtr makeStage(const EffectText& fx, int32_t channels, double rate, uint32_t mask = 0)
 {
     const std::string& n = fx.name;
     if (n == "gain") {
@@ -441,7 +445,7 @@ StagePtr makeStage(const EffectText& fx, int32_t channels, double rate)
             return nullptr;
         if (nch == channels)
             return std::make_unique<GainStage>(channels, rate, 1.0f);
-        return std::make_unique<MixStage>(channels, rate, nch);
+        return std::make_unique<MixStage>(channels, rate, nch, mask);
     }
     if (n == "highpass" || n == "lowpass") {
         if (!fx.checkKeys({"fc", "order"}))
@@ -582,13 +586,17 @@ _AUDIOFXPATH* AUDIOFX_CreatePathEx(const _audio_format* input, int32_t outputRat
         auto path = std::make_unique<_AUDIOFXPATH>();
         path->inRate = path->outRate = input->sampleRate;
         path->inChannels = path->outChannels = input->numChannels;
+        // The input's layout until a stage changes the channels, then the default of the count.
+        uint32_t mask = AUDIO_FormatChannelMask(input);
         for (const std::string& item : splitOutside(description ? description : "", ';')) {
             if (trimmed(item).empty())
                 continue;
             EffectText fx;
             if (!splitEffect(item, fx)
-                || !appendStage(*path, makeStage(fx, path->outChannels, path->outRate)))
+                || !appendStage(*path, makeStage(fx, path->outChannels, path->outRate, mask)))
                 return nullptr;
+            if (path->stages.back()->outChannels != path->stages.back()->inChannels)
+                mask = 0;
         }
         // Conversions to what the caller asked for: fewer channels before resampling, more
         // after, so that soxr works on the fewest.
@@ -596,7 +604,7 @@ _AUDIOFXPATH* AUDIOFX_CreatePathEx(const _audio_format* input, int32_t outputRat
         const auto mix = [&]() {
             return outputChannels == -1 || outputChannels == path->outChannels
                 || appendStage(*path, std::make_unique<MixStage>(path->outChannels, path->outRate,
-                                                                 outputChannels));
+                                                                 outputChannels, mask));
         };
         if (mixFirst && !mix())
             return nullptr;

@@ -332,6 +332,26 @@ namespace {
         return pooled(text);
     }
 
+    // The speaker mask of a layout whose channels come in mask order, 0 when it has none (an
+    // unspecified or ambisonic order, speakers beyond the mask's 32 bits, a custom order).
+    uint32_t maskOf(const AVChannelLayout& layout)
+    {
+        uint64_t mask = 0;
+        if (layout.order == AV_CHANNEL_ORDER_NATIVE) {
+            mask = layout.u.mask;
+        } else if (layout.order == AV_CHANNEL_ORDER_CUSTOM) {
+            for (int i = 0; i < layout.nb_channels; ++i) {
+                const int id = layout.u.map[i].id;
+                if (id < 0 || id >= 32 || (mask >> id) != 0)
+                    return 0; // unknown speaker, or not ascending
+                mask |= uint64_t(1) << id;
+            }
+        }
+        if (mask > UINT32_MAX || av_popcount64(mask) != layout.nb_channels)
+            return 0;
+        return uint32_t(mask);
+    }
+
     // ---- Reader --------------------------------------------------------------------------------
 
     class FfmpegReader final : public Reader
@@ -460,7 +480,11 @@ namespace {
         codec_ = codec;
         if (!openDecoder())
             return false;
-        av_channel_layout_default(&outLayout_, channels_);
+        // Channels go out in the stream's own order: only a frame of another channel count is
+        // remixed, to this layout.
+        if (av_channel_layout_copy(&outLayout_, &par->ch_layout) < 0
+            || outLayout_.order == AV_CHANNEL_ORDER_UNSPEC)
+            av_channel_layout_default(&outLayout_, channels_);
 
         _audio_format& f = info_.format;
         f.sampleRate = par->sample_rate;
@@ -485,6 +509,7 @@ namespace {
             f.codecInfo = pooledf("use_vbr=1,avg_bitrate=%lld", (long long)(fmt_->bit_rate / 1000));
             info_.bitRate = fmt_->bit_rate;
         }
+        AUDIO_SetFormatChannelMask(&f, maskOf(par->ch_layout));
         if (stream_->duration != AV_NOPTS_VALUE && stream_->duration > 0)
             info_.frames = av_rescale_q(stream_->duration, stream_->time_base, {1, f.sampleRate});
         else if (fmt_->duration != AV_NOPTS_VALUE && fmt_->duration > 0)
@@ -526,7 +551,9 @@ namespace {
             av_channel_layout_copy(&swrInLayout_, &frame->ch_layout);
             swrInFormat_ = format;
             swrInRate_ = rate;
-            int err = swr_alloc_set_opts2(&swr_, &outLayout_, AV_SAMPLE_FMT_FLT,
+            AVChannelLayout* out
+                = swrInLayout_.nb_channels == channels_ ? &swrInLayout_ : &outLayout_;
+            int err = swr_alloc_set_opts2(&swr_, out, AV_SAMPLE_FMT_FLT,
                 info_.format.sampleRate, &swrInLayout_, format, rate, 0, nullptr);
             if (err >= 0)
                 err = swr_init(swr_);
@@ -832,6 +859,46 @@ namespace {
         }
     }
 
+    // The layout an encoder stores for `wanted` (channels in mask order): wanted itself when it
+    // can, else the one of the same count sharing the most speakers; 0 when it has none.
+    uint32_t storedLayout(const AVCodec* codec, uint32_t coder, uint32_t wanted, int channels)
+    {
+        std::vector<uint32_t> masks;
+        if (codec->ch_layouts) {
+            for (const AVChannelLayout* l = codec->ch_layouts; l->nb_channels; ++l)
+                masks.push_back(maskOf(*l));
+        } else {
+            switch (coder & AUDIO_CODEC_MASK) {
+            case AUDIO_CODEC_FLAC:
+            case AUDIO_CODEC_WAVPACK:
+                return wanted; // both store any speaker mask
+            case AUDIO_CODEC_AAC:
+                // The channel configurations of MPEG-4 audio; other counts go in a program
+                // config element, which decoders read back as no known layout.
+                masks = {0x4, 0x3, 0x7, 0x107, 0x37, 0x3f, 0xff};
+                if (channels == 7)
+                    return wanted;
+                break;
+            default:
+                // Vorbis and Opus (mapping family 1) order channels by count alone, as do the
+                // mono and stereo codecs.
+                masks = {AUDIO_DefaultChannelMask(channels)};
+                break;
+            }
+        }
+        uint32_t best = 0;
+        int shared = -1;
+        for (uint32_t m : masks) {
+            if (m == wanted)
+                return wanted;
+            if (av_popcount(m) == channels && av_popcount(m & wanted) > shared) {
+                best = m;
+                shared = av_popcount(m & wanted);
+            }
+        }
+        return best;
+    }
+
     class FfmpegWriter final : public Writer
     {
     public:
@@ -937,8 +1004,26 @@ namespace {
         oc_->pb = avio_;
         oc_->flags |= AVFMT_FLAG_CUSTOM_IO;
 
-        av_channel_layout_default(&layout_, channels_);
-        if ((err = av_channel_layout_copy(&enc_->ch_layout, &layout_)) < 0)
+        // The samples come in the format's layout; an encoder that cannot store it gets them
+        // remixed to its nearest layout of the same count (5.1 with side surrounds into 5.1).
+        // Channels of no stated layout are taken to be in the encoder's own layout of the count.
+        uint32_t given = AUDIO_FormatChannelMask(&fmt);
+        if (given == 0)
+            given = storedLayout(codec, coder, AUDIO_DefaultChannelMask(channels_), channels_);
+        if (given == 0)
+            given = AUDIO_DefaultChannelMask(channels_);
+        const uint32_t stored = storedLayout(codec, coder, given, channels_);
+        if (stored == 0)
+            return fail(AUDIOERR_UNSUPPORTED,
+                std::string(AUDIODEF_AudioFormatString(coder) ? AUDIODEF_AudioFormatString(coder)
+                                                              : "this codec")
+                    + " cannot store " + std::to_string(channels_) + " channels ("
+                    + AUDIO_ChannelLayoutName(given, channels_) + ")");
+        av_channel_layout_uninit(&layout_);
+        AVChannelLayout storedAv {};
+        if ((err = av_channel_layout_from_mask(&layout_, given)) < 0
+            || (err = av_channel_layout_from_mask(&storedAv, stored)) < 0
+            || (err = av_channel_layout_copy(&enc_->ch_layout, &storedAv)) < 0)
             return fail(AUDIOERR_ENCODE, avError(err));
 
         // Rate: as given when the encoder takes it; lossy encoders with a fixed list get the
@@ -1062,6 +1147,7 @@ namespace {
         format_.mimeType = containerMimeType(container);
         if (enc_->bit_rate > 0)
             format_.codecInfo = pooledf("bitrate=%lld", (long long)(enc_->bit_rate / 1000));
+        AUDIO_SetFormatChannelMask(&format_, stored);
         return true;
     }
 
@@ -1071,6 +1157,14 @@ namespace {
             return true;
         int err = swr_alloc_set_opts2(&swr, &enc_->ch_layout, enc_->sample_fmt, enc_->sample_rate,
             &layout_, inFormat, inRate_, 0, nullptr);
+        if (err >= 0 && av_channel_layout_compare(&layout_, &enc_->ch_layout) != 0) {
+            // The engine's remix, not the resampler's own.
+            std::vector<float> gains(size_t(channels_) * size_t(channels_));
+            AUDIO_ChannelMixMatrix(maskOf(layout_), channels_, maskOf(enc_->ch_layout), channels_,
+                gains.data());
+            const std::vector<double> matrix(gains.begin(), gains.end());
+            err = swr_set_matrix(swr, matrix.data(), channels_);
+        }
         if (err >= 0)
             err = swr_init(swr);
         if (err < 0) {

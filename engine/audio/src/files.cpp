@@ -883,6 +883,10 @@ bool resolveWriteFormat(
     out.container = container;
     out.coder = coder;
     out.mimeType = containerMimeType(container);
+    uint32_t mask = requestedChannelMask(request, channels);
+    if (!mask && fmtValid && fmt->numChannels == channels)
+        mask = AUDIO_FormatChannelMask(fmt);
+    AUDIO_SetFormatChannelMask(&out, mask);
     request.container = container;
     request.coder = coder;
     request.sampleRate = rate;
@@ -1310,8 +1314,12 @@ int32_t AUDIO_ConvertEx(const AUDIO_Progress* progress, const char* source,
     const int32_t channels = targetSpec.numChannels ? targetSpec.numChannels
         : fmtValid                                  ? fmt->numChannels
                                                     : sourceFormatRecord.numChannels;
-    if (rate != sourceFormatRecord.sampleRate || channels != sourceFormatRecord.numChannels) {
-        in->reader = convertingReader(std::move(in->reader), rate, channels);
+    uint32_t mask = requestedChannelMask(targetSpec, channels);
+    if (!mask && fmtValid && fmt->numChannels == channels)
+        mask = AUDIO_FormatChannelMask(fmt);
+    if (rate != sourceFormatRecord.sampleRate || channels != sourceFormatRecord.numChannels
+        || (mask && mask != layoutOf(sourceFormatRecord))) {
+        in->reader = convertingReader(std::move(in->reader), rate, channels, mask);
         if (!in->reader) {
             SavedError error;
             error.save();
@@ -1348,6 +1356,7 @@ int32_t AUDIO_ConvertEx(const AUDIO_Progress* progress, const char* source,
     const uint32_t kind = fmtValid ? fmt->coder : sourceCoder;
     if (isFloatCoder(kind) && (bits == 32 || bits == 64))
         wanted.coder = kind & AUDIO_CODEC_MASK;
+    AUDIO_SetFormatChannelMask(&wanted, AUDIO_FormatChannelMask(&in->reader->info().format));
     const int64_t expected = std::max<int64_t>(0, AUDIO_Length(in));
     AUDIOFILE* out
         = AUDIO_CreateFileEx2(target, targetFormat, &wanted, -1, -1, 0, nullptr, expected);

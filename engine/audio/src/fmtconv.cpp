@@ -22,17 +22,29 @@ namespace {
     class ConvertingReader final : public Reader
     {
     public:
-        ConvertingReader(std::unique_ptr<Reader> source, int32_t rate, int32_t channels)
+        ConvertingReader(
+            std::unique_ptr<Reader> source, int32_t rate, int32_t channels, uint32_t mask)
             : m_source(std::move(source))
+            , m_map(1, 0, 1, 0)
         {
             const StreamInfo& in = m_source->info();
             m_inRate = in.format.sampleRate;
             m_inChannels = in.format.numChannels;
             m_outRate = rate ? rate : m_inRate;
             m_outChannels = channels ? channels : m_inChannels;
+            const uint32_t inMask = layoutOf(in.format);
+            uint32_t outMask = mask ? mask : AUDIO_DefaultChannelMask(m_outChannels);
+            if (!mask && m_outChannels == m_inChannels)
+                outMask = inMask;
+            m_map = ChannelMap(m_inChannels, inMask, m_outChannels, outMask);
             m_info = in;
             m_info.format.sampleRate = m_outRate;
             m_info.format.numChannels = static_cast<int16_t>(m_outChannels);
+            m_info.format.codecInfo = withChannelMask(in.format.codecInfo,
+                AUDIO_FormatChannelMask(&in.format) || m_outChannels != m_inChannels || mask
+                    ? outMask
+                    : 0);
+            m_identity = m_map.identity;
             m_info.seekable = in.seekable && m_outRate == m_inRate;
             if (in.frames >= 0)
                 m_info.frames = scaled(in.frames);
@@ -40,7 +52,7 @@ namespace {
             m_soxrChannels = m_mapFirst ? m_outChannels : m_inChannels;
             m_block = std::max<int64_t>(1, kSampleBudget / std::max(m_inChannels, m_outChannels));
             m_input.resize(static_cast<size_t>(m_block * m_inChannels));
-            if (m_mapFirst && m_outChannels != m_inChannels)
+            if (m_mapFirst && !m_identity)
                 m_mapped.resize(static_cast<size_t>(m_block * m_outChannels));
             if (!m_mapFirst)
                 m_output.resize(static_cast<size_t>(m_block * m_inChannels));
@@ -113,8 +125,7 @@ namespace {
                     return done > 0 ? done : -1;
                 if (n == 0)
                     break;
-                mapChannels(
-                    m_input.data(), m_inChannels, dst + done * m_outChannels, m_outChannels, n);
+                m_map.apply(m_input.data(), dst + done * m_outChannels, n);
                 done += n;
             }
             return done;
@@ -138,9 +149,8 @@ namespace {
                     } else {
                         m_consumed += n;
                         m_pending = n;
-                        if (m_mapFirst && m_outChannels != m_inChannels) {
-                            mapChannels(
-                                m_input.data(), m_inChannels, m_mapped.data(), m_outChannels, n);
+                        if (m_mapFirst && !m_identity) {
+                            m_map.apply(m_input.data(), m_mapped.data(), n);
                             m_next = m_mapped.data();
                         } else {
                             m_next = m_input.data();
@@ -186,8 +196,8 @@ namespace {
                     continue;
                 }
                 if (made > 0 && !m_mapFirst)
-                    mapChannels(m_output.data(), m_inChannels, dst + done * m_outChannels,
-                        m_outChannels, static_cast<int64_t>(made));
+                    m_map.apply(m_output.data(), dst + done * m_outChannels,
+                        static_cast<int64_t>(made));
                 done += static_cast<int64_t>(made);
                 m_delivered += static_cast<int64_t>(made);
             }
@@ -202,6 +212,8 @@ namespace {
         int32_t m_outChannels = 0;
         int32_t m_soxrChannels = 0;
         bool m_mapFirst = true;
+        bool m_identity = true;
+        ChannelMap m_map;
         int64_t m_block = 1;
         soxr_t m_soxr = nullptr;
 
@@ -219,8 +231,8 @@ namespace {
 
 } // namespace
 
-std::unique_ptr<Reader> convertingReader(
-    std::unique_ptr<Reader> source, int32_t sampleRate, int32_t numChannels)
+std::unique_ptr<Reader> convertingReader(std::unique_ptr<Reader> source, int32_t sampleRate,
+    int32_t numChannels, uint32_t channelMask)
 {
     if (!source)
         return nullptr;
@@ -235,32 +247,11 @@ std::unique_ptr<Reader> convertingReader(
             numChannels);
         return nullptr;
     }
-    auto reader = std::make_unique<ConvertingReader>(std::move(source), sampleRate, numChannels);
+    auto reader = std::make_unique<ConvertingReader>(
+        std::move(source), sampleRate, numChannels, channelMask);
     if (!reader->start())
         return nullptr;
     return reader;
-}
-
-void mapChannels(
-    const float* in, int32_t inChannels, float* out, int32_t outChannels, int64_t frames)
-{
-    if (inChannels == outChannels) {
-        std::memmove(out, in, static_cast<size_t>(frames * inChannels) * sizeof(float));
-        return;
-    }
-    for (int64_t f = 0; f < frames; ++f) {
-        const float* src = in + f * inChannels;
-        float* dst = out + f * outChannels;
-        if (outChannels == 1) {
-            double sum = 0.0;
-            for (int32_t c = 0; c < inChannels; ++c)
-                sum += src[c];
-            dst[0] = static_cast<float>(sum / inChannels);
-        } else {
-            for (int32_t c = 0; c < outChannels; ++c)
-                dst[c] = src[c % inChannels];
-        }
-    }
 }
 
 } // namespace sova::audio

@@ -120,7 +120,7 @@ struct _AUDIOPIPE
         const float* data = samples;
         if (inChannels != channels) {
             mapped.resize(size_t(frames * channels));
-            mapChannels(samples, inChannels, mapped.data(), channels, frames);
+            mapChannels(samples, inChannels, 0, mapped.data(), channels, 0, frames);
             data = mapped.data();
         }
         if (soxr)

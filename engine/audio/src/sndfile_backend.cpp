@@ -284,6 +284,173 @@ std::string storedText(int format)
     return std::to_string(coding.bits) + (isFloat ? "-bit float samples" : "-bit samples");
 }
 
+// ---- Channel layouts -----------------------------------------------------------------------
+
+// The speaker bit of a libsndfile channel map value, 0 for none.
+uint32_t speakerOf(int id)
+{
+    switch (id) {
+    case SF_CHANNEL_MAP_MONO:
+    case SF_CHANNEL_MAP_CENTER:
+    case SF_CHANNEL_MAP_FRONT_CENTER:
+        return AUDIO_SPEAKER_FC;
+    case SF_CHANNEL_MAP_LEFT:
+    case SF_CHANNEL_MAP_FRONT_LEFT:
+        return AUDIO_SPEAKER_FL;
+    case SF_CHANNEL_MAP_RIGHT:
+    case SF_CHANNEL_MAP_FRONT_RIGHT:
+        return AUDIO_SPEAKER_FR;
+    case SF_CHANNEL_MAP_REAR_CENTER:
+        return AUDIO_SPEAKER_BC;
+    case SF_CHANNEL_MAP_REAR_LEFT:
+        return AUDIO_SPEAKER_BL;
+    case SF_CHANNEL_MAP_REAR_RIGHT:
+        return AUDIO_SPEAKER_BR;
+    case SF_CHANNEL_MAP_LFE:
+        return AUDIO_SPEAKER_LFE;
+    case SF_CHANNEL_MAP_FRONT_LEFT_OF_CENTER:
+        return AUDIO_SPEAKER_FLC;
+    case SF_CHANNEL_MAP_FRONT_RIGHT_OF_CENTER:
+        return AUDIO_SPEAKER_FRC;
+    case SF_CHANNEL_MAP_SIDE_LEFT:
+        return AUDIO_SPEAKER_SL;
+    case SF_CHANNEL_MAP_SIDE_RIGHT:
+        return AUDIO_SPEAKER_SR;
+    case SF_CHANNEL_MAP_TOP_CENTER:
+        return AUDIO_SPEAKER_TC;
+    case SF_CHANNEL_MAP_TOP_FRONT_LEFT:
+        return AUDIO_SPEAKER_TFL;
+    case SF_CHANNEL_MAP_TOP_FRONT_RIGHT:
+        return AUDIO_SPEAKER_TFR;
+    case SF_CHANNEL_MAP_TOP_FRONT_CENTER:
+        return AUDIO_SPEAKER_TFC;
+    case SF_CHANNEL_MAP_TOP_REAR_LEFT:
+        return AUDIO_SPEAKER_TBL;
+    case SF_CHANNEL_MAP_TOP_REAR_RIGHT:
+        return AUDIO_SPEAKER_TBR;
+    case SF_CHANNEL_MAP_TOP_REAR_CENTER:
+        return AUDIO_SPEAKER_TBC;
+    default:
+        return 0;
+    }
+}
+
+// The channel map value of a speaker bit, 0 for none.
+int channelMapIdOf(uint32_t speaker)
+{
+    for (int id = SF_CHANNEL_MAP_LEFT; id < SF_CHANNEL_MAP_AMBISONIC_B_W; ++id)
+        if (id != SF_CHANNEL_MAP_FRONT_LEFT && id != SF_CHANNEL_MAP_FRONT_RIGHT
+            && id != SF_CHANNEL_MAP_FRONT_CENTER && speakerOf(id) == speaker)
+            return id;
+    return 0;
+}
+
+// The layout FLAC implies for a count, as FFmpeg reads it (side surrounds for 5 and 6).
+uint32_t flacLayout(int channels)
+{
+    static const uint32_t masks[] = {0, 0x4, 0x3, 0x7, 0x33, 0x607, 0x60f, 0x70f, 0x63f};
+    return channels >= 1 && channels <= 8 ? masks[channels] : 0;
+}
+
+// Speakers in the order Vorbis and Opus (mapping family 1) store them; libsndfile passes the
+// channels through in that order.
+std::vector<uint32_t> vorbisOrder(int channels)
+{
+    switch (channels) {
+    case 3:
+        return {0x1, 0x4, 0x2};
+    case 4:
+        return {0x1, 0x2, 0x10, 0x20};
+    case 5:
+        return {0x1, 0x4, 0x2, 0x10, 0x20};
+    case 6:
+        return {0x1, 0x4, 0x2, 0x10, 0x20, 0x8};
+    case 7:
+        return {0x1, 0x4, 0x2, 0x200, 0x400, 0x100, 0x8};
+    case 8:
+        return {0x1, 0x4, 0x2, 0x200, 0x400, 0x10, 0x20, 0x8};
+    default:
+        return {};
+    }
+}
+
+// The mask of speakers given in file order, and where each channel of mask order sits in the
+// file (perm[k]: file index of the k-th speaker). false for unknown or repeated speakers.
+bool maskOrder(const std::vector<uint32_t>& speakers, uint32_t& mask, std::vector<int>& perm)
+{
+    mask = 0;
+    for (uint32_t s : speakers) {
+        if (s == 0 || (mask & s))
+            return false;
+        mask |= s;
+    }
+    perm.clear();
+    for (uint32_t bit = 1; bit && perm.size() < speakers.size(); bit <<= 1)
+        if (mask & bit)
+            perm.push_back(
+                int(std::find(speakers.begin(), speakers.end(), bit) - speakers.begin()));
+    return !speakers.empty();
+}
+
+// Reorders interleaved frames in place: channel k takes channel perm[k].
+template <typename T>
+void permute(T* frames, int64_t count, const std::vector<int>& perm)
+{
+    const size_t n = perm.size();
+    T frame[32];
+    for (int64_t f = 0; f < count; ++f) {
+        T* p = frames + f * int64_t(n);
+        std::copy(p, p + n, frame);
+        for (size_t k = 0; k < n; ++k)
+            p[k] = frame[perm[k]];
+    }
+}
+
+// The WAVEFORMATEXTENSIBLE_CHANNEL_MASK tag of a FLAC stream's comments (how FLAC states a
+// layout other than its count's), 0 when there is none. Leaves the handle at the start.
+uint32_t flacChannelMaskTag(_HFile* io)
+{
+    if (!BLIO_IsSeekable(io) || BLIO_FilePosition(io) != 0)
+        return 0;
+    uint32_t mask = 0;
+    uint8_t head[4];
+    if (BLIO_ReadData(io, head, 4) == 4 && std::memcmp(head, "fLaC", 4) == 0) {
+        for (int blocks = 0; blocks < 64 && BLIO_ReadData(io, head, 4) == 4; ++blocks) {
+            const uint32_t length = (uint32_t(head[1]) << 16) | (uint32_t(head[2]) << 8) | head[3];
+            if ((head[0] & 0x7f) == 4 && length <= (1u << 20)) {
+                std::vector<uint8_t> block(length);
+                if (BLIO_ReadData(io, block.data(), length) != int64_t(length))
+                    break;
+                const auto le32 = [&](size_t at) {
+                    return at + 4 <= block.size()
+                        ? uint32_t(block[at]) | uint32_t(block[at + 1]) << 8
+                            | uint32_t(block[at + 2]) << 16 | uint32_t(block[at + 3]) << 24
+                        : UINT32_MAX;
+                };
+                size_t at = size_t(le32(0)) + 4;
+                const uint32_t count = le32(at);
+                at += 4;
+                static const char key[] = "WAVEFORMATEXTENSIBLE_CHANNEL_MASK=";
+                for (uint32_t i = 0; i < count && at < block.size(); ++i) {
+                    const uint32_t n = le32(at);
+                    if (n == UINT32_MAX || n > block.size() - at - 4)
+                        break;
+                    const std::string item(reinterpret_cast<const char*>(&block[at + 4]), n);
+                    at += 4 + n;
+                    if (item.size() > sizeof key - 1
+                        && lowered(item.substr(0, sizeof key - 1)) == lowered(key))
+                        mask = uint32_t(std::strtoul(item.c_str() + sizeof key - 1, nullptr, 0));
+                }
+                break;
+            }
+            if ((head[0] & 0x80) || BLIO_Seek(io, length, BLIO_SEEK_CUR) != 1)
+                break;
+        }
+    }
+    BLIO_Seek(io, 0, BLIO_SEEK_SET);
+    return mask;
+}
+
 // ---- Reader --------------------------------------------------------------------------------
 
 class SndfileReader final : public Reader
@@ -316,6 +483,7 @@ private:
     SNDFILE* sf_ = nullptr;
     StreamInfo info_;
     bool nativeShorts_ = true;
+    std::vector<int> perm_; // file order to mask order, empty when they agree
 };
 
 // Headerless data: everything comes from the format string.
@@ -367,6 +535,7 @@ bool SndfileReader::open(const FormatRequest& request)
     SF_INFO sfi {};
     if (raw && !rawInfo(request, sfi))
         return false;
+    const uint32_t flacMask = raw ? 0 : flacChannelMaskTag(ch_.io);
     // Anything else is detected by content: a misleading extension must not stop a read.
     sf_ = sf_open_virtual(&virtualIo, SFM_READ, &sfi, &ch_);
     if (!sf_) {
@@ -428,6 +597,32 @@ bool SndfileReader::open(const FormatRequest& request)
             std::snprintf(text, sizeof text, "avg_bitrate=%d", int(std::lround(kbps)));
         f.codecInfo = pooled(text);
     }
+    // The layout: the file's channel map, else the Vorbis order of Ogg; channels are handed out
+    // in mask order.
+    std::vector<uint32_t> speakers;
+    std::vector<int> map(size_t(sfi.channels));
+    if (sf_command(sf_, SFC_GET_CHANNEL_MAP_INFO, map.data(), int(map.size() * sizeof(int)))
+        == SF_TRUE) {
+        for (int id : map)
+            speakers.push_back(speakerOf(id));
+    } else if (subtype == SF_FORMAT_VORBIS || subtype == SF_FORMAT_OPUS) {
+        speakers = vorbisOrder(sfi.channels);
+    } else if (major == SF_FORMAT_FLAC && (sfi.channels > 2 || flacMask)) {
+        const uint32_t mask = __builtin_popcount(flacMask) == sfi.channels
+            ? flacMask
+            : flacLayout(sfi.channels);
+        for (uint32_t bit = 1; bit; bit <<= 1)
+            if (mask & bit)
+                speakers.push_back(bit);
+    }
+    uint32_t mask = 0;
+    std::vector<int> perm;
+    if (!speakers.empty() && maskOrder(speakers, mask, perm)) {
+        AUDIO_SetFormatChannelMask(&f, mask);
+        for (size_t k = 0; k < perm.size(); ++k)
+            if (perm[k] != int(k))
+                perm_ = perm;
+    }
     return true;
 }
 
@@ -460,14 +655,20 @@ int64_t SndfileReader::readFrames(
 
 int64_t SndfileReader::read(float* dst, int64_t frames)
 {
-    return readFrames<float>(dst, frames, sf_readf_float);
+    const int64_t got = readFrames<float>(dst, frames, sf_readf_float);
+    if (got > 0 && !perm_.empty())
+        permute(dst, got, perm_);
+    return got;
 }
 
 int64_t SndfileReader::read16(int16_t* dst, int64_t frames)
 {
     if (!nativeShorts_)
         return Reader::read16(dst, frames);
-    return readFrames<short>(dst, frames, sf_readf_short);
+    const int64_t got = readFrames<short>(dst, frames, sf_readf_short);
+    if (got > 0 && !perm_.empty())
+        permute(dst, got, perm_);
+    return got;
 }
 
 bool SndfileReader::seek(int64_t frame)
@@ -611,6 +812,7 @@ private:
 #endif
         ;
     void applyOptions(const FormatRequest& request, int subtype);
+    void setLayout(uint32_t given, int format);
 
     int64_t writePairs(const float* src, int64_t frames);
     bool writeEmptyFlac();
@@ -624,6 +826,10 @@ private:
     // would slip a sample in per call: such writes go out in pairs, the odd one kept here.
     bool pairs_ = false;
     std::vector<float> stage_;
+    // Channels as the file stores them: file channel j = sum over k of mix_[j * n + k] x ours
+    // k; empty when they go as they come.
+    std::vector<float> mix_;
+    std::vector<float> mixed_;
 };
 
 bool SndfileWriter::refuse(const char* format, ...)
@@ -683,6 +889,16 @@ bool SndfileWriter::open(const FormatRequest& request, const _audio_format& fmt)
             sfi.format = ordered.format;
     }
     fitByteSign(sfi);
+    // Only WAVE_FORMAT_EXTENSIBLE holds a speaker mask: WAV of more than two channels, or of a
+    // layout a bare count does not imply, is written as that.
+    const uint32_t given = layoutOf(fmt);
+    if ((sfi.format & SF_FORMAT_TYPEMASK) == SF_FORMAT_WAV
+        && (fmt.numChannels > 2 || given != AUDIO_DefaultChannelMask(fmt.numChannels))) {
+        SF_INFO extensible = sfi;
+        extensible.format = (sfi.format & ~SF_FORMAT_TYPEMASK) | SF_FORMAT_WAVEX;
+        if (sf_format_check(&extensible))
+            sfi.format = extensible.format;
+    }
     if (!sf_format_check(&sfi)) {
         SF_INFO mono = sfi;
         mono.channels = 1;
@@ -714,6 +930,7 @@ bool SndfileWriter::open(const FormatRequest& request, const _audio_format& fmt)
     sf_command(sf_, SFC_SET_NORM_FLOAT, nullptr, SF_TRUE);
     applyOptions(request, subtype);
     pairs_ = subtype == SF_FORMAT_VOX_ADPCM;
+    setLayout(given, sfi.format);
     if (constantKbps_ > 0) {
         char text[32];
         std::snprintf(text, sizeof text, "bitrate=%d", constantKbps_);
@@ -819,8 +1036,68 @@ int64_t SndfileWriter::writePairs(const float* src, int64_t frames)
     return frames;
 }
 
+// Stores the layout where the container can: a channel map in WAVE_FORMAT_EXTENSIBLE and RF64;
+// FLAC and Ogg imply one by the count (Ogg in Vorbis order), into which the channels are
+// remixed and reordered. Elsewhere the count alone is stored.
+void SndfileWriter::setLayout(uint32_t given, int format)
+{
+    const int major = format & SF_FORMAT_TYPEMASK;
+    const int subtype = format & SF_FORMAT_SUBMASK;
+    const int n = format_.numChannels;
+    uint32_t stored = 0;
+    if (major == SF_FORMAT_FLAC || subtype == SF_FORMAT_VORBIS || subtype == SF_FORMAT_OPUS) {
+        stored = major == SF_FORMAT_FLAC ? flacLayout(n) : AUDIO_DefaultChannelMask(n);
+        const ChannelMap map(n, given, n, stored);
+        std::vector<uint32_t> order;
+        if (major != SF_FORMAT_FLAC)
+            order = vorbisOrder(n);
+        uint32_t mask = 0;
+        std::vector<int> perm;
+        const bool reorder = !order.empty() && maskOrder(order, mask, perm);
+        if (!map.identity || reorder) {
+            mix_.assign(size_t(n) * size_t(n), 0.0f);
+            for (int o = 0; o < n; ++o)
+                for (int i = 0; i < n; ++i) {
+                    const float g = map.identity ? (o == i ? 1.0f : 0.0f)
+                                                 : map.matrix[size_t(o) * size_t(n) + size_t(i)];
+                    mix_[size_t(o) * size_t(n) + size_t(i)] = g;
+                }
+            if (reorder) {
+                // Rows of mask order into file order: file channel perm[k] holds speaker k.
+                std::vector<float> rows(mix_.size());
+                for (int k = 0; k < n; ++k)
+                    std::copy(mix_.begin() + k * n, mix_.begin() + (k + 1) * n,
+                        rows.begin() + perm[size_t(k)] * n);
+                mix_.swap(rows);
+            }
+        }
+    } else if (major == SF_FORMAT_WAVEX || major == SF_FORMAT_RF64) {
+        std::vector<int> map;
+        for (uint32_t bit = 1; bit; bit <<= 1)
+            if (given & bit)
+                map.push_back(channelMapIdOf(bit));
+        if (std::find(map.begin(), map.end(), 0) == map.end()
+            && sf_command(sf_, SFC_SET_CHANNEL_MAP_INFO, map.data(), int(map.size() * sizeof(int)))
+                == SF_TRUE)
+            stored = given;
+    }
+    AUDIO_SetFormatChannelMask(&format_, stored);
+}
+
 int64_t SndfileWriter::write(const float* src, int64_t frames)
 {
+    if (!mix_.empty() && frames > 0 && src) {
+        const int n = format_.numChannels;
+        mixed_.resize(size_t(frames) * size_t(n));
+        for (int64_t f = 0; f < frames; ++f)
+            for (int j = 0; j < n; ++j) {
+                float sum = 0.0f;
+                for (int k = 0; k < n; ++k)
+                    sum += mix_[size_t(j) * size_t(n) + size_t(k)] * src[f * n + k];
+                mixed_[size_t(f) * size_t(n) + size_t(j)] = sum;
+            }
+        src = mixed_.data();
+    }
     if (pairs_ && frames > 0 && src)
         return writePairs(src, frames);
     return writeFrames<float>(src, frames, sf_writef_float);
@@ -828,6 +1105,20 @@ int64_t SndfileWriter::write(const float* src, int64_t frames)
 
 int64_t SndfileWriter::write16(const int16_t* src, int64_t frames)
 {
+    if (!mix_.empty() && frames > 0 && src && sf_) {
+        // Remixed as floats; reordering alone keeps the integers.
+        const int n = format_.numChannels;
+        std::vector<float> block(size_t(std::min<int64_t>(frames, 4096)) * size_t(n));
+        for (int64_t done = 0; done < frames;) {
+            const int64_t step = std::min<int64_t>(4096, frames - done);
+            for (int64_t i = 0; i < step * n; ++i)
+                block[size_t(i)] = src[done * n + i] / 32768.0f;
+            if (write(block.data(), step) < 0)
+                return -1;
+            done += step;
+        }
+        return frames;
+    }
     if (pairs_ && frames > 0 && src && sf_) {
         float block[1024];
         const int channels = format_.numChannels;

@@ -26,9 +26,9 @@
  * data (defaults 44100 Hz, 1 channel, 16 bits) and are ignored for files with a header.
  *
  * A path may end in ":fmtconv[sr=R,nch=N,nbits=B]" (keys in any case, nc for nch): the file is
- * read converted on the fly to rate R (soxr, very high quality) and N channels (mix-down to mono
- * averages the channels; from mono every channel gets the signal; otherwise channel i takes
- * source channel i mod n). Missing keys keep the file's value.
+ * read converted on the fly to rate R (soxr, very high quality) and N channels, remixed from the
+ * file's channel layout to the default layout of N channels by AUDIO_ChannelMixMatrix (see
+ * "Channel layouts" below). Missing keys keep the file's value.
  *
  * Sample kinds
  * ------------
@@ -381,6 +381,70 @@ SOVAAUDIO_EXPORT int32_t AUDIO_GetClipReport(
 /* The same for the last file the calling thread closed after writing it (AUDIO_CloseFile,
  * AUDIO_AbandonFile, and the target of AUDIO_ConvertEx); 0 when it has closed none. */
 SOVAAUDIO_EXPORT int32_t AUDIO_GetLastClipReport(int64_t* clippedSamples, double* peak);
+
+/* ---- Channel layouts ------------------------------------------------------------------ */
+
+/* A format's channel layout is a WAVE_FORMAT_EXTENSIBLE speaker mask (the same bits as
+ * FFmpeg's AV_CH_* for these 18), kept in decimal in its codecInfo option string under the key
+ * "chmask" ("bitrate=128,chmask=63"). Channels come in the order of their bits. Absent, or
+ * naming a different number of speakers than numChannels, means unspecified: the default
+ * layout for the count. Readers fill it (WAVE_FORMAT_EXTENSIBLE and RF64 masks, CAF channel
+ * layouts, FLAC's count layouts and channel-mask comment, the Vorbis/Opus/MP4 conventions
+ * and FFmpeg's stream layouts) and deliver the channels in the file's own order, as mask order
+ * (Ogg read through libsndfile is reordered from Vorbis order). Writers store it where the
+ * container can: WAVE_FORMAT_EXTENSIBLE for WAV of more than 2 channels or of another layout
+ * than the count's, RF64, FLAC's channel-mask comment, WavPack, and the codecs' own layouts
+ * (AAC, ALAC, AC-3, Vorbis and Opus by count); a codec without the layout gets the channels
+ * remixed into its nearest layout of the same count. AIFF, CAF, W64, AU and the raw formats
+ * store the count alone. The format of an open file reports the layout actually stored. A
+ * format string may ask for one with "chmask=N" when writing. */
+enum {
+    AUDIO_SPEAKER_FL = 0x1,
+    AUDIO_SPEAKER_FR = 0x2,
+    AUDIO_SPEAKER_FC = 0x4,
+    AUDIO_SPEAKER_LFE = 0x8,
+    AUDIO_SPEAKER_BL = 0x10,
+    AUDIO_SPEAKER_BR = 0x20,
+    AUDIO_SPEAKER_FLC = 0x40,
+    AUDIO_SPEAKER_FRC = 0x80,
+    AUDIO_SPEAKER_BC = 0x100,
+    AUDIO_SPEAKER_SL = 0x200,
+    AUDIO_SPEAKER_SR = 0x400,
+    AUDIO_SPEAKER_TC = 0x800,
+    AUDIO_SPEAKER_TFL = 0x1000,
+    AUDIO_SPEAKER_TFC = 0x2000,
+    AUDIO_SPEAKER_TFR = 0x4000,
+    AUDIO_SPEAKER_TBL = 0x8000,
+    AUDIO_SPEAKER_TBC = 0x10000,
+    AUDIO_SPEAKER_TBR = 0x20000
+};
+
+/* The format's mask; 0 when unspecified (absent, unreadable, or not numChannels speakers). */
+SOVAAUDIO_EXPORT uint32_t AUDIO_FormatChannelMask(const _audio_format* format);
+/* Stores mask in the format's codecInfo (a new pooled text keeping the other keys); 0 removes
+ * it. Returns 0, changing nothing, for null or a mask of a different speaker count. */
+SOVAAUDIO_EXPORT int32_t AUDIO_SetFormatChannelMask(_audio_format* format, uint32_t mask);
+/* The layout a bare count stands for: 1 FC, 2 FL+FR, 3 +FC, 4 quad (FL FR BL BR), 5 5.0
+ * (FL FR FC BL BR), 6 5.1 (FL FR FC LFE BL BR), 7 6.1 (FL FR FC LFE BC SL SR), 8 7.1 (FL FR FC
+ * LFE BL BR SL SR), as WAVE_FORMAT_EXTENSIBLE and Vorbis have them (FLAC files of 5 and 6
+ * channels without a mask read as side surrounds, as FFmpeg reads them). 0 outside 1..8. */
+SOVAAUDIO_EXPORT uint32_t AUDIO_DefaultChannelMask(int32_t channels);
+/* A persistent name: "mono", "stereo", "5.1", "5.1(side)", "7.1", ... as FFmpeg names them,
+ * else the speakers joined by "+" ("FL+FR+LFE"). mask 0 (or of another count than channels,
+ * when channels > 0) names the default layout of channels. */
+SOVAAUDIO_EXPORT const char* AUDIO_ChannelLayoutName(uint32_t mask, int32_t channels);
+/* The remix from one layout to another (masks as for AUDIO_ChannelLayoutName), as outChannels
+ * rows of inChannels gains, row-major, into matrix (null: only checks the arguments). Every
+ * channel conversion of the engine (":fmtconv", AUDIO_ConvertEx, the "mix" effect, effect
+ * paths, pipes) uses it. Speakers both layouts have pass at 1.0; the others fold as in ITU-R
+ * BS.775: the centre into the front pair at -3 dB, surrounds into the fronts at -3 dB (into
+ * the other pair of surrounds when there is one), mono keeps the centre and takes left and
+ * right at -3 dB and the surrounds at -6 dB, LFE is left out; the result is scaled so that no
+ * row's gains sum above 1.0, so nothing clips that did not. Up-mixes place each channel at its
+ * own speaker and leave the rest silent, except mono into a layout without a centre, which
+ * goes to both fronts at full level. 1 on success, 0 (recorded) for counts outside 1..32. */
+SOVAAUDIO_EXPORT int32_t AUDIO_ChannelMixMatrix(
+    uint32_t inMask, int32_t inChannels, uint32_t outMask, int32_t outChannels, float* matrix);
 
 #ifdef __cplusplus
 }

@@ -60,7 +60,8 @@ typedef struct _AUDIOPIPE _AUDIOPIPE;
 
 /* A pipe into signal from position (clamped to [0, numSamples]); decoder may be null (then
  * only samples can be written) and is borrowed: it must outlive the pipe. A decoder whose
- * rate or channels differ from the signal's is converted (soxr, channel mapping). */
+ * rate or channels differ from the signal's is converted (soxr, AUDIO_ChannelMixMatrix between
+ * the default layouts of the counts). */
 SOVAAUDIO_EXPORT _AUDIOPIPE* AUDIOSIGNAL_CreatePipeEx(struct _AUDIOSIGNAL* signal,
                                                       int64_t position, _AUDIODECODER* decoder);
 /* Frames written (after decoding for bit streams: frames decoded so far by this call), -1 on
@@ -86,8 +87,9 @@ SOVAAUDIO_EXPORT int32_t AUDIOSIGNAL_ClosePipe(_AUDIOPIPE* pipe);
  * A path is a chain of effects separated by ";" in the option-string style:
  *     gain[db=-6];resample[sr=22050];mix[nch=1];highpass[fc=80];lowpass[fc=8000];speed[factor=1.25]
  * Effects: gain[db=D] (or [factor=F]); resample[sr=R] (soxr, very high quality);
- * mix[nch=N] (mix-down to mono averages; from mono every channel gets the signal; otherwise
- * channel i takes channel i mod n); highpass[fc=HZ,order=2|4], lowpass[fc=HZ,order=2|4]
+ * mix[nch=N] (to the default layout of N channels from the input format's layout, by
+ * AUDIO_ChannelMixMatrix: BS.775 down-mixes, up-mixes to the channels' own speakers);
+ * highpass[fc=HZ,order=2|4], lowpass[fc=HZ,order=2|4]
  * (Butterworth biquads); speed[factor=F] (plays F times as fast: tape-style, pitch follows;
  * output length / input length = 1/F); dcblock (a 5 Hz high-pass); normalize is not offered
  * (it needs the whole input). Samples are interleaved IEEE floats; counts are frames. */
