@@ -36,7 +36,9 @@ SOVAAUDIO_EXPORT int32_t AUDIODECOD_ProbeStream(_AUDIODECODER* decoder, const ch
  * code, container 0). Non-zero when the stream has been probed. */
 SOVAAUDIO_EXPORT int32_t AUDIODECOD_GetAudioFormat(_AUDIODECODER* decoder,
                                                    struct _audio_format* format);
-/* Releases the decoder. Null is accepted. A decoder is used by one pipe at a time. */
+/* Releases the caller's hold on the decoder. Null is accepted. A pipe created with the
+ * decoder keeps its own hold until it is closed, so the decoder may be destroyed first (on any
+ * thread). A decoder is used by one pipe at a time. */
 SOVAAUDIO_EXPORT void AUDIODECOD_Destroy(_AUDIODECODER* decoder);
 
 /* Framing limits of the probed codec: samples per channel in one frame (AAC 1024..1024, MP3
@@ -59,7 +61,8 @@ SOVAAUDIO_EXPORT int32_t AUDIOCODEC_GetMaxStreamBytes(_AUDIODECODER* decoder);
 typedef struct _AUDIOPIPE _AUDIOPIPE;
 
 /* A pipe into signal from position (clamped to [0, numSamples]); decoder may be null (then
- * only samples can be written) and is borrowed: it must outlive the pipe. A decoder whose
+ * only samples can be written). The pipe holds the decoder until it is closed: the caller may
+ * destroy its decoder handle at any time after this returns. A decoder whose
  * rate or channels differ from the signal's is converted (soxr, channel mapping). */
 SOVAAUDIO_EXPORT _AUDIOPIPE* AUDIOSIGNAL_CreatePipeEx(struct _AUDIOSIGNAL* signal,
                                                       int64_t position, _AUDIODECODER* decoder);
