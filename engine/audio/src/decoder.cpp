@@ -374,7 +374,8 @@ struct _AUDIODECODER
             return;
         constexpr int64_t kDecoderDelay = 528 + 1;
         trimStart = tag.delay + kDecoderDelay;
-        if (tag.frames > 0) {
+        // Padding shorter than the decoder's delay leaves nothing to cut at the end.
+        if (tag.frames > 0 && tag.padding > kDecoderDelay) {
             endTo = tag.frames * tag.samplesPerFrame;
             endFrom = endTo - tag.padding + kDecoderDelay;
             tagBytes = tag.streamBytes;
