@@ -4,6 +4,7 @@
 #include <QSova>
 #include <QSovaAudioFormat>
 #include <QSovaAudioSignal>
+#include <QSovaFile>
 #include <QtTest>
 
 #include <cmath>
@@ -151,6 +152,20 @@ private slots:
         QVERIFY(!tone(50000).save(QStringLiteral("qfile:///dev/full"), format));
         QVERIFY2(!QSova::lastErrorString().isEmpty(), "no reason recorded");
         QVERIFY(isCharDevice("/dev/full"));
+    }
+
+    // A copy smaller than the I/O buffer meets the full device only when it is closed.
+    void copyToFullDevice()
+    {
+        if (!isCharDevice("/dev/full"))
+            QSKIP("no /dev/full");
+        QTemporaryDir dir;
+        const QString source = dir.filePath("source.wav");
+        QVERIFY(tone(2000).save(source, "wav"));
+        QSovaFile file(source);
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        QCOMPARE(file.copyTo(QStringLiteral("/dev/full"), 0, -1), qint64(-1));
+        QVERIFY(file.copyTo(dir.filePath("copy.wav"), 0, -1) > 0);
     }
 };
 

@@ -20,7 +20,11 @@ struct _AUDIOSIGNAL;
 /* ---- Decoders ----------------------------------------------------------------------------
  * A decoder turns an elementary stream of one codec into samples. Configurations (any letter
  * case): "AAC" (ADTS frames), "MP3" (MPEG audio layer I to III frames), "FLAC" (a native FLAC
- * stream, "fLaC" and its metadata first). */
+ * stream, "fLaC" and its metadata first).
+ * Gapless: an MP3 stream gives the samples FFmpeg decodes from the same file: ID3v2 tags and a
+ * first frame holding a Xing/Info or VBRI tag are no audio, and the encoder delay and padding
+ * of a LAME tag are left out. ADTS carries no gapless information: every AAC frame is kept,
+ * the encoder's priming samples included, as FFmpeg decodes a raw .aac. */
 typedef struct _AUDIODECODER _AUDIODECODER;
 
 /* A decoder for the configuration; format, when not null, is cleared to the null format and
