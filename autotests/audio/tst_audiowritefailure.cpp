@@ -52,8 +52,8 @@ int32_t failClose(void* h)
 int64_t failRead(void* h, void* buffer, int64_t count)
 {
     auto* f = static_cast<Handle*>(h);
-    const int64_t n = std::max<int64_t>(
-        0, std::min<int64_t>(count, int64_t(g_store.bytes.size()) - f->pos));
+    const int64_t n
+        = std::max<int64_t>(0, std::min<int64_t>(count, int64_t(g_store.bytes.size()) - f->pos));
     std::memcpy(buffer, g_store.bytes.data() + f->pos, size_t(n));
     f->pos += n;
     return n;
@@ -216,7 +216,8 @@ private slots:
         QCOMPARE(closed, reason.isEmpty() ? 1 : 0);
         if (!reason.isEmpty()) {
             const QString message = QString::fromUtf8(BLERROR_LastMessage());
-            QVERIFY2(message.contains(reason) && message.contains("failing://x"), qPrintable(message));
+            QVERIFY2(
+                message.contains(reason) && message.contains("failing://x"), qPrintable(message));
         }
     }
 
@@ -251,7 +252,8 @@ private slots:
         AUDIOSIGNAL_Destroy(s);
         QCOMPARE(saved, 0);
         QVERIFY2(BLERROR_LastCode() != BLERR_NONE, BLERROR_LastMessage());
-        QVERIFY2(QByteArray(BLERROR_LastMessage()).contains("failing://out"), BLERROR_LastMessage());
+        QVERIFY2(
+            QByteArray(BLERROR_LastMessage()).contains("failing://out"), BLERROR_LastMessage());
         QVERIFY2(!g_store.exists, "the half-written target was left in place");
     }
 
@@ -311,7 +313,7 @@ private slots:
         {
             FileSizeLimit limit(50000);
             result = convert ? AUDIO_ConvertEx(nullptr, source.toUtf8().constData(), "",
-                                   target.toUtf8().constData(), "", nullptr)
+                         target.toUtf8().constData(), "", nullptr)
                              : AUDIOSIGNAL_SaveEx(s, target.toUtf8().constData(), "", 0, 0);
         }
         AUDIOSIGNAL_Destroy(s);

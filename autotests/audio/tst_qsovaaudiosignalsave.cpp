@@ -109,8 +109,8 @@ private slots:
         const QSovaAudioSignal signal = tone(150000);
         QByteArray bytes;
         QBuffer buffer(&bytes);
-        FailingDevice failing(device.startsWith("limit") ? device.mid(6).toLongLong() : -1,
-            device == "no seeks");
+        FailingDevice failing(
+            device.startsWith("limit") ? device.mid(6).toLongLong() : -1, device == "no seeks");
         QIODevice* target = &buffer;
         if (device == "open")
             QVERIFY(buffer.open(QIODevice::ReadWrite));

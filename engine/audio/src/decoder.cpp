@@ -159,7 +159,8 @@ GaplessTag parseGaplessTag(const uint8_t* b, int64_t n)
     tag.samplesPerFrame = mpeg1 ? 1152 : 576;
     // The tag follows the side information; frames with a CRC are read as FFmpeg reads them.
     const int64_t at = 4 + (mpeg1 ? (mono ? 17 : 32) : (mono ? 9 : 17));
-    if (at + 8 <= n && (std::memcmp(b + at, "Xing", 4) == 0 || std::memcmp(b + at, "Info", 4) == 0)) {
+    if (at + 8 <= n
+        && (std::memcmp(b + at, "Xing", 4) == 0 || std::memcmp(b + at, "Info", 4) == 0)) {
         const uint32_t flags = be(b + at + 4, 4);
         int64_t q = at + 8;
         if ((flags & 1) && q + 4 <= n) {
@@ -571,8 +572,7 @@ struct _AUDIODECODER
         if (!open(nullptr))
             return false;
         const int64_t from = std::min<int64_t>(tag.frameBytes, int64_t(start.size()));
-        return feed(start.data() + from, int64_t(start.size()) - from, sink)
-            && checkJoined(sink);
+        return feed(start.data() + from, int64_t(start.size()) - from, sink) && checkJoined(sink);
     }
 
     bool feedFlac(const uint8_t* data, int64_t size, const DecodedSink& sink)
