@@ -1,6 +1,7 @@
-// Write failures on every path: a handler that stops taking bytes, refuses seeks or flushes, a
-// full device and a file size limit. Each save, conversion or region file must fail with the
-// reason and leave nothing at the target that looks complete.
+// Write failures on every path: a handler that stops taking bytes, refuses seeks or flushes,
+// and a full device. Each save, conversion or region file must fail with the reason and leave
+// nothing at the target that looks complete. (Plain paths under a file size limit: the CLI
+// tests.)
 #include <sova/audio.h>
 #include <sova/audioformats.h>
 #include <sova/audiosignal.h>
@@ -9,12 +10,10 @@
 
 #include <QtTest>
 
-#include <csignal>
 #include <cstring>
 #include <string>
 #include <vector>
 
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 namespace {
@@ -119,38 +118,6 @@ _AUDIOSIGNAL* toneSignal(int64_t frames)
     AUDIOSIGNAL_AppendSamples(s, v.data(), frames);
     return s;
 }
-
-// Names in dir other than those given.
-QStringList leftovers(const QString& dir, const QStringList& expected = {})
-{
-    QStringList names = QDir(dir).entryList(QDir::Files | QDir::Hidden | QDir::System);
-    for (const QString& e : expected)
-        names.removeAll(e);
-    return names;
-}
-
-// Sets RLIMIT_FSIZE for the scope: writes past it fail with EFBIG (SIGXFSZ ignored).
-class FileSizeLimit
-{
-public:
-    explicit FileSizeLimit(rlim_t bytes)
-    {
-        getrlimit(RLIMIT_FSIZE, &saved_);
-        previous_ = std::signal(SIGXFSZ, SIG_IGN);
-        rlimit limit = saved_;
-        limit.rlim_cur = bytes;
-        setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    ~FileSizeLimit()
-    {
-        setrlimit(RLIMIT_FSIZE, &saved_);
-        std::signal(SIGXFSZ, previous_);
-    }
-
-private:
-    rlimit saved_ {};
-    void (*previous_)(int) = nullptr;
-};
 
 bool isCharDevice(const char* path)
 {
@@ -286,41 +253,6 @@ private slots:
             BLERROR_LastMessage());
         // A failed write never removes a device.
         QVERIFY(isCharDevice("/dev/full"));
-    }
-
-    // A plain path is written beside the target and renamed: a file size limit (EFBIG) leaves
-    // neither the target nor the temporary file.
-    void fileSizeLimit_data()
-    {
-        QTest::addColumn<QString>("format");
-        QTest::addColumn<bool>("convert");
-        QTest::newRow("wav save") << "wav" << false;
-        QTest::newRow("wav convert") << "wav" << true;
-        QTest::newRow("flac convert") << "flac" << true;
-        QTest::newRow("m4a save") << "m4a" << false;
-    }
-    void fileSizeLimit()
-    {
-        QFETCH(QString, format);
-        QFETCH(bool, convert);
-        QTemporaryDir dir(m_dir.filePath("limit-XXXXXX"));
-        const QString source = dir.filePath("source.wav");
-        _AUDIOSIGNAL* s = toneSignal(400000);
-        QCOMPARE(AUDIOSIGNAL_SaveEx(s, source.toUtf8().constData(), "wav", 0, 0), 1);
-        const QString target = dir.filePath("out." + format);
-        int32_t result;
-        BLERROR_Clear();
-        {
-            FileSizeLimit limit(50000);
-            result = convert ? AUDIO_ConvertEx(nullptr, source.toUtf8().constData(), "",
-                         target.toUtf8().constData(), "", nullptr)
-                             : AUDIOSIGNAL_SaveEx(s, target.toUtf8().constData(), "", 0, 0);
-        }
-        AUDIOSIGNAL_Destroy(s);
-        QCOMPARE(result, 0);
-        QVERIFY2(QByteArray(BLERROR_LastMessage()).contains(std::strerror(EFBIG)),
-            BLERROR_LastMessage());
-        QCOMPARE(leftovers(dir.path(), {"source.wav"}), QStringList());
     }
 
     // Region files: a handler that stops taking bytes and a full device.
