@@ -283,9 +283,11 @@ class QTSOVACORE_EXPORT QSovaAudioSignal::Pipe
 public:
     class Disposer;
 
-    // Takes ownership of decoder, which may be null (samples only).
+    // Takes ownership of decoder, which may be null (samples only). The engine pipe keeps its
+    // own hold on the engine decoder, so the Decoder object may go before the pipe is closed.
     Pipe(const QSovaAudioSignal& signal, qint64 position, Decoder* decoder);
     // An open pipe is closed on a Disposer thread: closing flushes the decoder and may block.
+    // The decoder is deleted here at once, without waiting for that thread.
     virtual ~Pipe();
 
     bool isValid() const;
@@ -309,13 +311,13 @@ private:
     Private* d;
 };
 
-// Closes an abandoned engine pipe off the owner's thread, then deletes the pipe's decoder and
-// drops its reference to the signal. Deletes itself through the event loop of the thread that
-// created it once finished() is delivered there.
+// Closes an abandoned engine pipe off the owner's thread (the engine pipe holds what it needs
+// of the decoder), then drops its reference to the signal. Deletes itself through the event
+// loop of the thread that created it once finished() is delivered there.
 class QTSOVACORE_EXPORT QSovaAudioSignal::Pipe::Disposer : public QThread
 {
 public:
-    Disposer(_AUDIOPIPE* pipe, Decoder* decoder, const QSovaAudioSignal& signal);
+    Disposer(_AUDIOPIPE* pipe, const QSovaAudioSignal& signal);
     ~Disposer() override;
 
 protected:
@@ -323,7 +325,6 @@ protected:
 
 private:
     _AUDIOPIPE* m_pipe;
-    Decoder* m_decoder;
     QSovaAudioSignal m_signal;
 };
 

@@ -114,14 +114,13 @@ QSovaAudioSignal::Pipe::Pipe(const QSovaAudioSignal& signal, qint64 position, De
 QSovaAudioSignal::Pipe::~Pipe()
 {
     if (d->handle) {
-        // Closing drains the decoder and may block; the owner must not wait for it. The
-        // engine borrows the decoder until the pipe is closed, so the disposer takes it too.
-        auto* disposer = new Disposer(d->handle, d->decoder, d->signal);
+        // Closing drains the decoder and may block; the owner must not wait for it. The engine
+        // pipe holds the decoding state itself, so the decoder object goes below all the same.
+        auto* disposer = new Disposer(d->handle, d->signal);
         QObject::connect(
             disposer, SIGNAL(finished()), disposer, SLOT(deleteLater()), Qt::QueuedConnection);
         disposer->start(QThread::InheritPriority);
         d->handle = nullptr;
-        d->decoder = nullptr;
     }
     delete d->decoder;
     delete d;
@@ -180,10 +179,8 @@ void QSovaAudioSignal::Pipe::close()
 
 // ---- Pipe::Disposer -----------------------------------------------------------------------
 
-QSovaAudioSignal::Pipe::Disposer::Disposer(
-    _AUDIOPIPE* pipe, Decoder* decoder, const QSovaAudioSignal& signal)
+QSovaAudioSignal::Pipe::Disposer::Disposer(_AUDIOPIPE* pipe, const QSovaAudioSignal& signal)
     : m_pipe(pipe)
-    , m_decoder(decoder)
     , m_signal(signal)
 {
 }
@@ -191,8 +188,9 @@ QSovaAudioSignal::Pipe::Disposer::Disposer(
 QSovaAudioSignal::Pipe::Disposer::~Disposer()
 {
     // Only reached after run() when deleted through finished(); a disposer that never ran
-    // still owns the decoder.
-    delete m_decoder;
+    // still has its pipe to close.
+    if (m_pipe)
+        AUDIOSIGNAL_ClosePipe(m_pipe);
 }
 
 void QSovaAudioSignal::Pipe::Disposer::run()
@@ -200,8 +198,6 @@ void QSovaAudioSignal::Pipe::Disposer::run()
     if (m_pipe)
         AUDIOSIGNAL_ClosePipe(m_pipe);
     m_pipe = nullptr;
-    delete m_decoder;
-    m_decoder = nullptr;
     // The signal is complete now; let its last owner free it without waiting for the event
     // loop to delete this object.
     m_signal = QSovaAudioSignal();

@@ -208,7 +208,9 @@ qint64 QSovaFile::copyTo(const QString& path, qint64 offset, qint64 length)
         copied = BLIO_CopyHFileChunkToHFile(d->handle, offset, length, destination);
     else
         copied = BLIO_CopyHFileToHFile(d->handle, destination);
-    BLIO_CloseFile(destination);
+    // Bytes still buffered go out at the close: a copy that lost them is no copy.
+    if (!BLIO_CloseFile(destination))
+        return -1;
     return copied;
 }
 

@@ -90,10 +90,20 @@ int32_t _QTSOVAIO_CloseFile(void* handle)
     auto* h = static_cast<QtIOHandle*>(handle);
     if (!h || !h->device)
         return 0;
-    if (h->owned)
+    bool ok = true;
+    if (h->owned) {
+        // QFile holds back what was written until it flushes; deleting it would flush and
+        // forget a failure (a full disk), and the engine would take a cut file for a whole one.
+        auto* file = qobject_cast<QFileDevice*>(h->device);
+        if (file && file->isWritable()) {
+            ok = file->flush();
+            file->close();
+            ok = ok && file->error() == QFileDevice::NoError;
+        }
         delete h->device;
+    }
     delete h;
-    return 1;
+    return ok ? 1 : 0;
 }
 
 int64_t _QTSOVAIO_ReadData(void* handle, void* buffer, int64_t count)

@@ -4,6 +4,7 @@
 #include "command.h"
 #include "streamtools.h"
 
+#include <QDateTime>
 #include <QFile>
 #include <QFileInfo>
 #include <QSova>
@@ -56,6 +57,7 @@ int runFx(const QStringList& arguments)
     QSovaAudioFormat format = source.format();
     format.setSampleRate(produced.sampleRate());
     format.setNumChannels(produced.numChannels());
+    const QDateTime before = QFileInfo(target).lastModified();
     QSovaAudioFile sink(target, parser.value(formatOption), format);
     if (source.numSamples() > 0 && source.sampleRate() > 0)
         sink.setExpectedFrames(qint64(
@@ -108,7 +110,10 @@ int runFx(const QStringList& arguments)
         return fail("fx", error.isEmpty() ? runner.error() : error);
     }
     sink.close();
-    if (target != QLatin1String("-") && !QFileInfo::exists(target))
+    // A close that failed (the last bytes met a full disk) left the old file in place.
+    const QFileInfo written(target);
+    if (target != QLatin1String("-")
+        && (!written.exists() || (written.isFile() && written.lastModified() == before)))
         return fail("fx", engineFailure(QStringLiteral("write"), target));
     warnClipped("fx", target, sink.clipReport());
     const auto channelText = [](int n) {

@@ -5,6 +5,7 @@
 
 #include <QDateTime>
 #include <QFileInfo>
+#include <QSova>
 #include <QSovaAudioFile>
 #include <QSovaChannelMultiplexer>
 
@@ -96,8 +97,13 @@ int runSplit(const QStringList& arguments)
         else if (stream)
             continue;
         else if (refused || !info.exists()
-            || (before.at(i).isValid() && info.lastModified() == before.at(i)))
-            result = fail("split", QStringLiteral("cannot write '%1'").arg(outputs.at(i)));
+            || (before.at(i).isValid() && info.lastModified() == before.at(i))) {
+            // The engine's last reason, when it is this output's (a full disk, say).
+            const QString reason = QSova::lastErrorString();
+            const QString quoted = QStringLiteral("'%1'").arg(outputs.at(i));
+            result = fail("split",
+                reason.contains(quoted) ? reason : QStringLiteral("cannot write ") + quoted);
+        }
         else if (i < results.size())
             warnClipped("split", outputs.at(i), results.at(i).clips);
     }
@@ -128,12 +134,18 @@ int runJoin(const QStringList& arguments)
         if (!probe.open(QIODevice::ReadOnly))
             return fail("join", engineFailure(QStringLiteral("read"), path));
     }
+    const QDateTime before = QFileInfo(target).lastModified();
     bool ok;
     {
         QuietDebug quiet;
         ok = QSova::ChannelMultiplexer(inputs, target, QString(), parser.value(formatOption()));
     }
-    if (!ok)
+    // The multiplexer reports success whatever its writes and close said: a target that was
+    // not replaced was not written.
+    const QFileInfo written(target);
+    if (!ok
+        || (target != QLatin1String("-")
+            && (!written.exists() || (written.isFile() && written.lastModified() == before))))
         return fail("join", engineFailure(QStringLiteral("write"), target));
     warnClipped("join", target, QSovaAudioFile::lastClipReport());
     return ExitOk;

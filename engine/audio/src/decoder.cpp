@@ -1,6 +1,15 @@
 // Decoders of elementary streams (ADTS AAC, MPEG audio, native FLAC) through FFmpeg's parsers
 // and decoders. Probing reads the stream's own header without FFmpeg, so that it consumes
 // nothing: the caller hands the same bytes to the pipe afterwards.
+//
+// Gapless: MPEG audio gives back what FFmpeg's mp3 reader gives for the same bytes. A first
+// frame holding a Xing/Info or VBRI tag is no audio and is dropped; a LAME tag behind Xing/Info
+// (written by LAME and by FFmpeg) records the encoder's delay and padding, and the decoded
+// samples lose delay + 529 at the start (the encoder's delay plus the decoder's 528 + 1) and,
+// when the tag counts the frames, frames * samples per frame - padding + 529 onwards up to the
+// counted end. As FFmpeg does, a stream much longer than the tag's byte count (streams joined
+// end to end) keeps its end. ADTS AAC carries no gapless information at all: every decoded
+// frame is kept, including the encoder's priming samples, as FFmpeg does for a raw .aac.
 #include "decoder.h"
 #include "backend.h"
 
@@ -12,6 +21,7 @@ extern "C" {
 }
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <cstring>
 #include <string>
@@ -127,6 +137,67 @@ uint32_t be(const uint8_t* p, int bytes)
     return v;
 }
 
+// What the tag in the first frame of an MPEG layer III stream says.
+struct GaplessTag
+{
+    int64_t frameBytes = 0; // the tag's frame, not audio; 0: no tag, the frame is audio
+    int64_t frames = 0; // audio frames behind it, 0 unknown
+    int64_t streamBytes = 0; // bytes of the whole stream as written, 0 unknown
+    int32_t samplesPerFrame = 0;
+    int32_t delay = -1, padding = 0; // -1: no LAME tag
+};
+
+// Reads a Xing/Info (with a LAME tag) or VBRI tag from the complete first frame at b.
+GaplessTag parseGaplessTag(const uint8_t* b, int64_t n)
+{
+    GaplessTag tag;
+    HeaderInfo info;
+    if (!parseMpeg(b, n, info) || info.coder != AUDIO_CODEC_MPEG_L3 || info.used > n)
+        return tag;
+    const bool mpeg1 = ((b[1] >> 3) & 3) == 3;
+    const bool mono = (b[3] >> 6) == 3;
+    tag.samplesPerFrame = mpeg1 ? 1152 : 576;
+    // The tag follows the side information; frames with a CRC are read as FFmpeg reads them.
+    const int64_t at = 4 + (mpeg1 ? (mono ? 17 : 32) : (mono ? 9 : 17));
+    if (at + 8 <= n
+        && (std::memcmp(b + at, "Xing", 4) == 0 || std::memcmp(b + at, "Info", 4) == 0)) {
+        const uint32_t flags = be(b + at + 4, 4);
+        int64_t q = at + 8;
+        if ((flags & 1) && q + 4 <= n) {
+            tag.frames = be(b + q, 4);
+            q += 4;
+        }
+        if ((flags & 2) && q + 4 <= n) {
+            tag.streamBytes = be(b + q, 4);
+            q += 4;
+        }
+        q += (flags & 4) ? 100 : 0;
+        q += (flags & 8) ? 4 : 0;
+        // A tag counting neither frames nor bytes leaves the frame to the decoder.
+        if (tag.frames == 0 && tag.streamBytes == 0)
+            return GaplessTag {};
+        tag.frameBytes = info.used;
+        // The LAME tag: encoder name (9), revision (1), lowpass (1), replay gain (8), flags
+        // (1), bit rate (1), then delay and padding as two 12-bit numbers.
+        if (q + 24 <= n
+            && (std::memcmp(b + q, "LAME", 4) == 0 || std::memcmp(b + q, "Lavf", 4) == 0
+                || std::memcmp(b + q, "Lavc", 4) == 0)) {
+            const uint32_t v = be(b + q + 21, 3);
+            tag.delay = int32_t(v >> 12);
+            tag.padding = int32_t(v & 0xFFF);
+        }
+        return tag;
+    }
+    // VBRI sits 32 bytes behind the header whatever the mode: version 1, then delay (unused),
+    // quality, bytes and frames.
+    if (4 + 32 + 18 <= n && std::memcmp(b + 36, "VBRI", 4) == 0 && be(b + 40, 2) == 1) {
+        tag.streamBytes = be(b + 46, 4);
+        tag.frames = be(b + 50, 4);
+        tag.frameBytes = info.used;
+    }
+    return tag;
+}
+
 // "fLaC", then metadata blocks, STREAMINFO first. `used` is the end of the metadata; when the
 // block headers run past the bytes given it is where the next unseen header starts.
 bool parseFlac(const uint8_t* b, int64_t n, HeaderInfo& info)
@@ -205,6 +276,7 @@ float sampleAt(const AVFrame* frame, int channel, int index, int channels)
 
 struct _AUDIODECODER
 {
+    std::atomic<int> holds {1}; // the creator's and each open pipe's
     Kind kind = Kind::Aac;
     // The caller's record, filled by the probe only: it may be gone once that returns.
     _audio_format* target = nullptr;
@@ -221,6 +293,22 @@ struct _AUDIODECODER
     std::vector<uint8_t> head; // stream start gathered before the codec opens
     int64_t skip = 0; // bytes of an ID3v2 tag still to pass over
 
+    // Gapless trimming of MPEG audio (see the top of this file), in decoded samples.
+    enum class End { Open, Pending, Trim, Keep };
+    struct Held
+    {
+        int64_t first; // decoded index of the first frame held
+        int32_t rate, channels;
+        std::vector<float> samples;
+    };
+    int64_t bytesSeen = 0; // of this stream, tags included
+    int64_t decoded = 0; // samples out of the codec so far
+    int64_t trimStart = 0; // the first sample kept
+    int64_t endFrom = 0, endTo = 0; // [endFrom, endTo) is padding, once End::Trim
+    int64_t tagBytes = 0; // the tag's count of stream bytes, 0 unknown
+    End end = End::Open; // Pending: held back until the stream's length tells
+    std::vector<Held> held;
+
     ~_AUDIODECODER() { close(); }
 
     void close()
@@ -232,6 +320,76 @@ struct _AUDIODECODER
         av_frame_free(&frame);
         head.clear();
         skip = 0;
+        bytesSeen = decoded = trimStart = endFrom = endTo = tagBytes = 0;
+        end = End::Open;
+        held.clear();
+    }
+
+    // Frames [first, first + n) of the decoded timeline to sink, without the encoder's delay
+    // and padding.
+    bool deliver(const float* data, int64_t first, int64_t n, int32_t rate, int32_t channels,
+        const DecodedSink& sink)
+    {
+        const int64_t lo = std::max(first, trimStart);
+        if (lo >= first + n)
+            return true;
+        data += (lo - first) * channels;
+        n -= lo - first;
+        first = lo;
+        const int64_t last = first + n;
+        if (end == End::Pending && last > endFrom) {
+            const int64_t cut = std::max(first, endFrom);
+            if (cut > first && !sink(data, cut - first, rate, channels))
+                return false;
+            held.push_back({cut, rate, channels,
+                std::vector<float>(data + (cut - first) * channels, data + n * channels)});
+            return true;
+        }
+        if (end != End::Trim || last <= endFrom || first >= endTo)
+            return sink(data, n, rate, channels);
+        if (first < endFrom && !sink(data, endFrom - first, rate, channels))
+            return false;
+        if (last > endTo)
+            return sink(data + (endTo - first) * channels, last - endTo, rate, channels);
+        return true;
+    }
+
+    // Settles a pending end: kept, or trimmed; what was held goes out.
+    bool settle(End outcome, const DecodedSink& sink)
+    {
+        if (end != End::Pending)
+            return true;
+        end = outcome;
+        std::vector<Held> out;
+        out.swap(held);
+        for (const Held& h : out)
+            if (!deliver(h.samples.data(), h.first, int64_t(h.samples.size()) / h.channels, h.rate,
+                    h.channels, sink))
+                return false;
+        return true;
+    }
+
+    void applyTag(const GaplessTag& tag)
+    {
+        if (tag.delay < 0)
+            return;
+        constexpr int64_t kDecoderDelay = 528 + 1;
+        trimStart = tag.delay + kDecoderDelay;
+        // Padding shorter than the decoder's delay leaves nothing to cut at the end.
+        if (tag.frames > 0 && tag.padding > kDecoderDelay) {
+            endTo = tag.frames * tag.samplesPerFrame;
+            endFrom = endTo - tag.padding + kDecoderDelay;
+            tagBytes = tag.streamBytes;
+            end = tagBytes > 0 ? End::Pending : End::Trim;
+        }
+    }
+
+    // A stream well past the tag's byte count is several joined: its end is not the tag's.
+    bool checkJoined(const DecodedSink& sink)
+    {
+        if (end == End::Pending && bytesSeen > tagBytes && bytesSeen - tagBytes > tagBytes / 16)
+            return settle(End::Keep, sink);
+        return true;
     }
 
     AVCodecID codecId() const
@@ -312,7 +470,8 @@ struct _AUDIODECODER
                     for (int i = 0; i < n; ++i)
                         samples[size_t(i) * size_t(channels) + size_t(c)]
                             = sampleAt(frame, c, i, channels);
-                ok = sink(samples.data(), n, frame->sample_rate, channels);
+                ok = deliver(samples.data(), decoded, n, frame->sample_rate, channels, sink);
+                decoded += n;
             }
             av_frame_unref(frame);
             if (!ok)
@@ -376,22 +535,44 @@ struct _AUDIODECODER
         return open(nullptr) && feed(rest.data(), int64_t(rest.size()), sink);
     }
 
-    // MPEG: an ID3v2 tag ahead of the frames is no audio and goes past the parser. The first
-    // ten bytes are gathered to tell.
-    bool feedMpegStart(const uint8_t* data, int64_t size, const DecodedSink& sink)
+    // MPEG: ID3v2 tags ahead of the frames are no audio and go past the parser, and so does a
+    // first frame holding a Xing/Info or VBRI tag, whose LAME tag sets the trimming. The start
+    // is gathered until the first frame is whole (at most a few kB); `last` decodes what there
+    // is at the end of the stream.
+    bool feedMpegStart(const uint8_t* data, int64_t size, const DecodedSink& sink, bool last)
     {
         head.insert(head.end(), data, data + size);
-        const size_t n = head.size();
-        if (n < 10 && std::memcmp(head.data(), "ID3", std::min<size_t>(n, 3)) == 0)
+        while (!head.empty()) {
+            const size_t n = head.size();
+            if (n < 10 && std::memcmp(head.data(), "ID3", std::min<size_t>(n, 3)) == 0) {
+                if (!last)
+                    return true;
+                head.clear();
+                break;
+            }
+            const int64_t tag = id3Bytes(head.data(), int64_t(n));
+            if (tag == 0)
+                break;
+            const size_t dropped = size_t(std::min<int64_t>(tag, int64_t(n)));
+            head.erase(head.begin(), head.begin() + std::ptrdiff_t(dropped));
+            skip = tag - int64_t(dropped);
+            if (skip > 0)
+                return true;
+        }
+        HeaderInfo info;
+        if (!last
+            && (head.size() < 4
+                || (parseMpeg(head.data(), int64_t(head.size()), info)
+                    && info.used > int64_t(head.size()))))
             return true;
+        const GaplessTag tag = parseGaplessTag(head.data(), int64_t(head.size()));
+        applyTag(tag);
         std::vector<uint8_t> start;
         start.swap(head);
         if (!open(nullptr))
             return false;
-        skip = id3Bytes(start.data(), int64_t(n));
-        const int64_t skipped = std::min<int64_t>(skip, int64_t(n));
-        skip -= skipped;
-        return feed(start.data() + skipped, int64_t(n) - skipped, sink);
+        const int64_t from = std::min<int64_t>(tag.frameBytes, int64_t(start.size()));
+        return feed(start.data() + from, int64_t(start.size()) - from, sink) && checkJoined(sink);
     }
 
     bool feedFlac(const uint8_t* data, int64_t size, const DecodedSink& sink)
@@ -425,22 +606,40 @@ struct _AUDIODECODER
 
 namespace sova::audio {
 
+_AUDIODECODER* retainDecoder(_AUDIODECODER* decoder)
+{
+    if (decoder)
+        decoder->holds.fetch_add(1, std::memory_order_relaxed);
+    return decoder;
+}
+
+void releaseDecoder(_AUDIODECODER* decoder)
+{
+    if (decoder && decoder->holds.fetch_sub(1, std::memory_order_acq_rel) == 1)
+        delete decoder;
+}
+
 bool decodeStream(_AUDIODECODER* decoder, const char* data, int64_t size, const DecodedSink& sink)
 {
     if (!decoder || !data || size <= 0)
         return decoder != nullptr;
     const auto* bytes = reinterpret_cast<const uint8_t*>(data);
+    decoder->bytesSeen += size;
+    const int64_t skipped = std::min(decoder->skip, size);
+    decoder->skip -= skipped;
+    bytes += skipped;
+    size -= skipped;
+    if (size == 0)
+        return true;
     if (!decoder->codec) {
         if (decoder->kind == Kind::Flac)
             return decoder->feedFlac(bytes, size, sink);
         if (decoder->kind == Kind::Mpeg)
-            return decoder->feedMpegStart(bytes, size, sink);
+            return decoder->feedMpegStart(bytes, size, sink, false);
         if (!decoder->open(nullptr))
             return false;
     }
-    const int64_t skipped = std::min(decoder->skip, size);
-    decoder->skip -= skipped;
-    return decoder->feed(bytes + skipped, size - skipped, sink);
+    return decoder->feed(bytes, size, sink) && decoder->checkJoined(sink);
 }
 
 bool flushStream(_AUDIODECODER* decoder, const DecodedSink& sink)
@@ -448,7 +647,10 @@ bool flushStream(_AUDIODECODER* decoder, const DecodedSink& sink)
     if (!decoder)
         return false;
     bool ok = true;
-    // A stream shorter than its own header leaves nothing to decode.
+    // An MPEG stream that ended within its first frame still has that frame to give; any other
+    // stream shorter than its own header leaves nothing to decode.
+    if (!decoder->codec && decoder->kind == Kind::Mpeg && !decoder->head.empty())
+        ok = decoder->feedMpegStart(nullptr, 0, sink, true);
     decoder->head.clear();
     if (decoder->codec) {
         uint8_t* out = nullptr;
@@ -463,6 +665,8 @@ bool flushStream(_AUDIODECODER* decoder, const DecodedSink& sink)
         if (ok)
             ok = decoder->send(nullptr, 0, sink);
     }
+    if (ok)
+        ok = decoder->settle(_AUDIODECODER::End::Trim, sink);
     decoder->close();
     return ok;
 }
@@ -534,7 +738,7 @@ int32_t AUDIODECOD_GetAudioFormat(_AUDIODECODER* decoder, _audio_format* format)
 
 void AUDIODECOD_Destroy(_AUDIODECODER* decoder)
 {
-    delete decoder;
+    releaseDecoder(decoder);
 }
 
 int32_t AUDIOCODEC_GetMinSamplesPerFrame(_AUDIODECODER* decoder)

@@ -14,6 +14,12 @@ namespace sova::audio {
 using DecodedSink
     = std::function<bool(const float* samples, int64_t frames, int32_t rate, int32_t channels)>;
 
+// A decoder is held by its creator and by every pipe decoding through it: retainDecoder adds a
+// hold (returns decoder; null is accepted), releaseDecoder drops one and frees the decoder with
+// the last. AUDIODECOD_Destroy drops the creator's.
+_AUDIODECODER* retainDecoder(_AUDIODECODER* decoder);
+void releaseDecoder(_AUDIODECODER* decoder);
+
 // Feeds size bytes of the elementary stream (split anywhere) to the decoder; every frame it
 // completes goes to sink. Corrupt frames are skipped. False (recorded) on a failure that
 // stops decoding: no codec, out of memory, or the sink refusing.

@@ -238,6 +238,7 @@ struct _AUDIOFILE
     std::string tempPath; // "" when written in place
     bool stream = false; // a standard stream, device, FIFO or socket: never removed
     _HFile* sink = nullptr; // a stream that cannot seek, given io's content at close
+    bool keepTarget = false; // written in place over something that is not a regular file
     int64_t written = 0;
     bool failed = false;
     SavedError failure;
@@ -1014,6 +1015,19 @@ AUDIOFILE* AUDIO_CreateFileEx2(const char* pathText, const char* format, const _
             return nullptr;
         }
     }
+    if (file->tempPath.empty()) {
+        // A failed write removes the target, unless it is a device, a FIFO or a socket: those
+        // stay where they are whatever was written into them.
+        BLIO_FileInfo info {};
+        const int32_t code = BLERROR_LastCode();
+        const std::string message = BLERROR_LastMessage();
+        file->keepTarget = BLIO_GetFileInfo(file->sink ? file->sink : file->io, &info) == 1
+            && !info.RegularFile;
+        if (code == BLERR_NONE)
+            BLERROR_Clear();
+        else
+            BLERROR_Set(code, "%s", message.c_str());
+    }
     if (bySndfile)
         file->writer = openSndfileWriter(file->io, path, request, out);
     else
@@ -1025,7 +1039,7 @@ AUDIOFILE* AUDIO_CreateFileEx2(const char* pathText, const char* format, const _
         error.save();
         BLIO_CloseFile(file->io);
         file->io = nullptr;
-        if (!file->stream)
+        if (!file->stream && !file->keepTarget)
             BLIO_RemoveFile(where.c_str());
         releaseTemporary(file->tempPath);
         destroy(file);
@@ -1231,7 +1245,12 @@ int32_t AUDIO_CloseFile(AUDIOFILE* file)
         }
         file->sink = nullptr;
     }
-    if (!BLIO_CloseFile(file->io) && ok) {
+    if (!BLIO_CloseFile(file->io)) {
+        // The I/O layer knows the root cause of a write gone wrong (a full disk, a device that
+        // stopped taking bytes); an encoder saw only its consequence.
+        if (!file->tempPath.empty())
+            setError(BLERROR_LastCode(), "cannot write '%s': %s", file->target.c_str(),
+                BLERROR_LastMessage());
         ok = false;
         error.save();
     }
@@ -1244,7 +1263,7 @@ int32_t AUDIO_CloseFile(AUDIOFILE* file)
         if (!ok)
             BLIO_RemoveFile(file->tempPath.c_str());
         releaseTemporary(file->tempPath);
-    } else if (!ok && !file->stream) {
+    } else if (!ok && !file->stream && !file->keepTarget) {
         BLIO_RemoveFile(file->target.c_str());
     }
     delete file;

@@ -25,7 +25,7 @@ struct _AUDIOPIPE
 {
     std::mutex lock; // one call at a time
     _AUDIOSIGNAL* signal = nullptr;
-    _AUDIODECODER* decoder = nullptr;
+    _AUDIODECODER* decoder = nullptr; // held until the pipe is released
     int32_t rate = 0, channels = 0; // the signal's
     int64_t start = 0, position = 0, written = 0;
     bool overlap = false; // the mode of the latest bit stream call (the flush writes so)
@@ -39,6 +39,7 @@ struct _AUDIOPIPE
     {
         if (soxr)
             soxr_delete(soxr);
+        releaseDecoder(decoder);
     }
 
     // Frames into the signal at the position; -1 (recorded) on failure.
@@ -184,7 +185,7 @@ _AUDIOPIPE* AUDIOSIGNAL_CreatePipeEx(_AUDIOSIGNAL* signal, int64_t position, _AU
     try {
         auto* pipe = new _AUDIOPIPE;
         pipe->signal = signal;
-        pipe->decoder = decoder;
+        pipe->decoder = retainDecoder(decoder);
         pipe->rate = AUDIOSIGNAL_SampleRate(signal);
         pipe->channels = AUDIOSIGNAL_NumChannels(signal);
         pipe->start = pipe->position

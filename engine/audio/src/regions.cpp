@@ -509,6 +509,11 @@ bool writeWhole(const char* path, const std::string& text)
         }
         return false;
     }
+    // Written in place: a failure removes the half-written target unless it is a device, a
+    // FIFO or a socket.
+    BLIO_FileInfo info {};
+    const bool removable = !atomic && !plan.stream
+        && !(BLIO_GetFileInfo(io, &info) == 1 && !info.RegularFile);
     bool ok = BLIO_WriteData(io, text.data(), int64_t(text.size())) == int64_t(text.size());
     if (!ok)
         setError(BLERROR_LastCode() ? BLERROR_LastCode() : BLERR_WRITE_FAILED,
@@ -525,6 +530,11 @@ bool writeWhole(const char* path, const std::string& text)
         if (!ok)
             BLIO_RemoveFile(where.c_str());
         sova::audio::releaseTemporary(where);
+    } else if (!ok && removable) {
+        const int32_t code = BLERROR_LastCode();
+        const std::string message = BLERROR_LastMessage();
+        BLIO_RemoveFile(where.c_str());
+        BLERROR_Set(code, "%s", message.c_str());
     }
     return ok;
 }

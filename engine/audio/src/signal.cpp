@@ -654,11 +654,17 @@ int32_t AUDIOSIGNAL_SaveEx(_AUDIOSIGNAL* signal, const char* path, const char* f
         });
     });
     if (!written) {
-        // Keep the writer's reason: closing an unfinished file must not replace it.
+        // Keep the writer's reason: closing an unfinished file must not replace it, unless the
+        // I/O layer names the root cause (a full disk, a device that stopped taking bytes).
         const int32_t code = BLERROR_LastCode();
         char message[1024];
         std::snprintf(message, sizeof message, "%s", BLERROR_LastMessage());
         AUDIO_CloseFile(file);
+        const int32_t closeCode = BLERROR_LastCode();
+        const bool ioCause = closeCode == BLERR_WRITE_FAILED || closeCode == BLERR_SEEK_FAILED
+            || closeCode == BLERR_CLOSE_FAILED || closeCode == BLERR_IO;
+        if (ioCause)
+            return 0;
         if (code != BLERR_NONE)
             BLERROR_Set(code, "%s", message);
         else

@@ -56,6 +56,10 @@ struct _HFile
     std::string path;
     unsigned char* mem = nullptr; // headroom and buffer of a buffered handle
     unsigned char small[kHeadroom] = {}; // headroom of an unbuffered handle
+    // The first failure of the handler that lost written bytes or left them out of place (a
+    // write, a seek or a flush of a handle open for writing); flush and close report it again.
+    int32_t lostCode = BLERR_NONE;
+    std::string lostMessage;
     // Guarded by the registry mutex.
     int views = 0;
     bool closeRequested = false;
@@ -116,6 +120,25 @@ void ioError(int32_t code, const char* verb, const char* path, int err)
         BLERROR_Set(code, "cannot %s '%s': %s", verb, path, std::strerror(err));
     else
         BLERROR_Set(code, "cannot %s '%s'", verb, path);
+}
+
+// Remembers the failure just recorded when it cost f written data: a later flush or close
+// must not report success for a file that lacks bytes.
+void noteLoss(_HFile* f)
+{
+    if ((f->mode & BLIO_MODE_WRITE) && f->lostCode == BLERR_NONE) {
+        f->lostCode = BLERROR_LastCode() != BLERR_NONE ? BLERROR_LastCode() : BLERR_WRITE_FAILED;
+        f->lostMessage = BLERROR_LastMessage();
+    }
+}
+
+// The remembered loss of f, recorded again; false when there is none.
+bool reportLoss(_HFile* f)
+{
+    if (f->lostCode == BLERR_NONE)
+        return false;
+    BLERROR_Set(f->lostCode, "%s", f->lostMessage.c_str());
+    return true;
 }
 
 bool nullHandle(const void* file)
@@ -185,6 +208,7 @@ bool syncHandler(_HFile* f, int64_t pos)
     if (f->handler->Seek(f->handle, pos, BLIO_SEEK_SET) != 1) {
         f->hpos = -1;
         ioError(BLERR_SEEK_FAILED, "seek in", f->path.c_str(), errno);
+        noteLoss(f);
         return false;
     }
     f->hpos = pos;
@@ -221,6 +245,7 @@ int64_t putBytes(_HFile* f, int64_t pos, const unsigned char* p, int64_t n)
         if (f->handler->Seek(f->handle, 0, BLIO_SEEK_END) != 1) {
             f->hpos = -1;
             ioError(BLERR_SEEK_FAILED, "seek to the end of", f->path.c_str(), errno);
+            noteLoss(f);
             return -1;
         }
         int64_t end = f->handler->Position ? f->handler->Position(f->handle) : -1;
@@ -237,7 +262,13 @@ int64_t putBytes(_HFile* f, int64_t pos, const unsigned char* p, int64_t n)
         const int64_t put = f->handler->Write(f->handle, p + done, n - done);
         if (put <= 0 || put > n - done) {
             f->hpos = -1;
-            ioError(BLERR_WRITE_FAILED, "write to", f->path.c_str(), errno);
+            if (errno)
+                ioError(BLERR_WRITE_FAILED, "write to", f->path.c_str(), errno);
+            else
+                BLERROR_Set(BLERR_WRITE_FAILED,
+                    "cannot write to '%s': its handler took %" PRId64 " of %" PRId64 " bytes",
+                    f->path.c_str(), done + std::max<int64_t>(put, 0), n);
+            noteLoss(f);
             return -1;
         }
         done += put;
@@ -289,6 +320,8 @@ int64_t fileSize(_HFile* f)
 int32_t closeNow(_HFile* f)
 {
     bool ok = flushPending(f);
+    if (ok && reportLoss(f))
+        ok = false;
     const int64_t pos = logicalPos(f);
     // A caller's device then stands where this reader stopped, not where read-ahead left it.
     if (f->seekable && f->hpos != pos && pos >= 0)
@@ -960,6 +993,8 @@ int32_t BLIO_Seek(_HFile* file, int64_t offset, int32_t origin)
     if (file->handler->Seek(file->handle, target, BLIO_SEEK_SET) != 1) {
         file->hpos = -1;
         ioError(BLERR_SEEK_FAILED, "seek in", file->path.c_str(), errno);
+        // A writer seeks to put bytes in place (a header's sizes): they would land elsewhere.
+        noteLoss(file);
         return 0;
     }
     resetRead(file, target);
@@ -1025,10 +1060,11 @@ int32_t BLIO_Flush(_HFile* file)
         errno = 0;
         if (file->handler->Flush(file->handle) != 1) {
             ioError(BLERR_IO, "flush", file->path.c_str(), errno);
+            noteLoss(file);
             return 0;
         }
     }
-    return 1;
+    return reportLoss(file) ? 0 : 1;
 }
 
 int32_t BLIO_ReadChar(_HFile* file)

@@ -111,10 +111,13 @@ void* fileOpen(void*, const char* path, BLIOOPENMODE mode)
 int32_t fileClose(void* handle)
 {
     auto* h = static_cast<FileHandle*>(handle);
-    // close() is not retried on EINTR: Linux has released the descriptor either way.
+    // close() is not retried on EINTR: Linux has released the descriptor either way. A failed
+    // close (EIO, or ENOSPC and EDQUOT on network file systems) means written bytes are lost.
     const int rc = ::close(h->fd);
+    const int err = rc == 0 ? 0 : errno;
     delete h;
-    return rc == 0 || errno == EINTR ? 1 : 0;
+    errno = err;
+    return rc == 0 || err == EINTR ? 1 : 0;
 }
 
 int64_t fileRead(void* handle, void* buffer, int64_t count)

@@ -20,7 +20,11 @@ struct _AUDIOSIGNAL;
 /* ---- Decoders ----------------------------------------------------------------------------
  * A decoder turns an elementary stream of one codec into samples. Configurations (any letter
  * case): "AAC" (ADTS frames), "MP3" (MPEG audio layer I to III frames), "FLAC" (a native FLAC
- * stream, "fLaC" and its metadata first). */
+ * stream, "fLaC" and its metadata first).
+ * Gapless: an MP3 stream gives the samples FFmpeg decodes from the same file: ID3v2 tags and a
+ * first frame holding a Xing/Info or VBRI tag are no audio, and the encoder delay and padding
+ * of a LAME tag are left out. ADTS carries no gapless information: every AAC frame is kept,
+ * the encoder's priming samples included, as FFmpeg decodes a raw .aac. */
 typedef struct _AUDIODECODER _AUDIODECODER;
 
 /* A decoder for the configuration; format, when not null, is cleared to the null format and
@@ -36,7 +40,9 @@ SOVAAUDIO_EXPORT int32_t AUDIODECOD_ProbeStream(_AUDIODECODER* decoder, const ch
  * code, container 0). Non-zero when the stream has been probed. */
 SOVAAUDIO_EXPORT int32_t AUDIODECOD_GetAudioFormat(_AUDIODECODER* decoder,
                                                    struct _audio_format* format);
-/* Releases the decoder. Null is accepted. A decoder is used by one pipe at a time. */
+/* Releases the caller's hold on the decoder. Null is accepted. A pipe created with the
+ * decoder keeps its own hold until it is closed, so the decoder may be destroyed first (on any
+ * thread). A decoder is used by one pipe at a time. */
 SOVAAUDIO_EXPORT void AUDIODECOD_Destroy(_AUDIODECODER* decoder);
 
 /* Framing limits of the probed codec: samples per channel in one frame (AAC 1024..1024, MP3
@@ -59,9 +65,10 @@ SOVAAUDIO_EXPORT int32_t AUDIOCODEC_GetMaxStreamBytes(_AUDIODECODER* decoder);
 typedef struct _AUDIOPIPE _AUDIOPIPE;
 
 /* A pipe into signal from position (clamped to [0, numSamples]); decoder may be null (then
- * only samples can be written) and is borrowed: it must outlive the pipe. A decoder whose
- * rate or channels differ from the signal's is converted (soxr, AUDIO_ChannelMixMatrix between
- * the default layouts of the counts). */
+ * only samples can be written). The pipe holds the decoder until it is closed: the caller may
+ * destroy its decoder handle at any time after this returns. A decoder whose rate or channels
+ * differ from the signal's is converted (soxr, AUDIO_ChannelMixMatrix between the default
+ * layouts of the counts). */
 SOVAAUDIO_EXPORT _AUDIOPIPE* AUDIOSIGNAL_CreatePipeEx(struct _AUDIOSIGNAL* signal,
                                                       int64_t position, _AUDIODECODER* decoder);
 /* Frames written (after decoding for bit streams: frames decoded so far by this call), -1 on

@@ -163,8 +163,10 @@ SOVAFOUNDATION_EXPORT int32_t BLIO_DelIOHandler(BLIO_Handler* handler);
  * the reason in BLERROR_LastMessage(). */
 SOVAFOUNDATION_EXPORT _HFile* BLIO_Open(const char* path, const char* descriptor);
 
-/* Flushes and closes. 1 on success; 0 when the flush or the handler's close failed (the handle
- * is freed all the same) or the handle is null. */
+/* Flushes and closes. 1 on success; 0 when the flush or the handler's close failed, when a
+ * write, seek or flush of a handle open for writing ever failed (some bytes are missing or out
+ * of place; the first failure's reason is recorded again), or the handle is null. The handle is
+ * freed all the same. */
 SOVAFOUNDATION_EXPORT int32_t BLIO_CloseFile(_HFile* file);
 
 /* Reads up to count bytes. The count read (0 at the end), -1 on error. */
@@ -186,7 +188,8 @@ SOVAFOUNDATION_EXPORT int64_t BLIO_FilePosition(_HFile* file);
 /* 1 when nothing is left to read (or for a null handle), else 0. */
 SOVAFOUNDATION_EXPORT int32_t BLIO_IsEndOfFile(_HFile* file);
 
-/* Hands pending writes to the handler and asks it to flush. 1 on success. */
+/* Hands pending writes to the handler and asks it to flush. 1 on success; 0 also when an
+ * earlier write, seek or flush of the handle failed (as for BLIO_CloseFile). */
 SOVAFOUNDATION_EXPORT int32_t BLIO_Flush(_HFile* file);
 
 /* The next byte (0 to 255), or -1 at the end or on error. */
