@@ -72,20 +72,24 @@ private slots:
     {
         QTest::addColumn<int>("mode");
         QTest::addColumn<int>("qtMode"); // 0: the open fails
-        QTest::newRow("read") << 2 << int(QIODevice::ReadOnly);
-        QTest::newRow("write only opens read-only") << 4 << int(QIODevice::ReadOnly);
-        QTest::newRow("read-write") << 6 << int(QIODevice::ReadWrite);
-        QTest::newRow("write") << 14 << int(QIODevice::ReadWrite);
-        QTest::newRow("append") << 22 << int(QIODevice::Append | QIODevice::WriteOnly);
-        QTest::newRow("unknown 8") << 8 << 0;
-        QTest::newRow("unknown 0") << 0 << 0;
-        QTest::newRow("unknown -1") << -1 << 0;
+        QTest::addColumn<qint64>("sizeAfterOpen"); // of a 10-byte file
+        QTest::newRow("read") << 2 << int(QIODevice::ReadOnly) << qint64(10);
+        QTest::newRow("write only opens read-only") << 4 << int(QIODevice::ReadOnly) << qint64(10);
+        QTest::newRow("read-write") << 6 << int(QIODevice::ReadWrite) << qint64(10);
+        // A create empties the file: a shorter file written over it keeps no stale tail.
+        QTest::newRow("write") << 14 << int(QIODevice::ReadWrite) << qint64(0);
+        QTest::newRow("append") << 22 << int(QIODevice::Append | QIODevice::WriteOnly)
+                                << qint64(10);
+        QTest::newRow("unknown 8") << 8 << 0 << qint64(10);
+        QTest::newRow("unknown 0") << 0 << 0 << qint64(10);
+        QTest::newRow("unknown -1") << -1 << 0 << qint64(10);
     }
 
     void openModes()
     {
         QFETCH(int, mode);
         QFETCH(int, qtMode);
+        QFETCH(qint64, sizeAfterOpen);
         const QString existing = writeFile(QStringLiteral("modes.bin"), "0123456789");
         auto* handle = static_cast<QtIOHandle*>(
             QTSOVA_QFileHandler.Open(nullptr, filePath(existing).constData(), mode));
@@ -95,6 +99,7 @@ private slots:
             QCOMPARE(int(handle->device->openMode()), qtMode);
             QCOMPARE(QTSOVA_QFileHandler.Close(handle), 1);
         }
+        QCOMPARE(QFileInfo(existing).size(), sizeAfterOpen);
         // A refused mode creates nothing.
         const QString missing = dir.filePath(QStringLiteral("created-%1").arg(mode));
         void* created = QTSOVA_QFileHandler.Open(nullptr, filePath(missing).constData(), mode);

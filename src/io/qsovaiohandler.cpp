@@ -72,6 +72,13 @@ void* _QTSOVAIO_OpenFile(void*, const char* path, BLIOOPENMODE mode)
         delete file;
         return nullptr;
     }
+    // A create opens read-write, which keeps what the file held: an encoder writing a shorter
+    // file over a longer one would leave the old tail for a reader to decode as audio.
+    if (mode == BLIO_OPEN_WRITE && file->size() > 0 && !file->isSequential()
+        && !file->resize(0)) {
+        delete file;
+        return nullptr;
+    }
     return new QtIOHandle{file, true};
 }
 

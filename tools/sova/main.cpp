@@ -71,6 +71,9 @@ void removeTemporariesOnSignals()
         sigemptyset(&action.sa_mask);
         sigaction(signal, &action, nullptr);
     }
+    // Past a file-size limit (ulimit -f) the write fails with EFBIG and the command reports it
+    // and removes its temporary, instead of being killed with the temporary left behind.
+    std::signal(SIGXFSZ, SIG_IGN);
 }
 
 } // namespace
