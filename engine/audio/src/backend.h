@@ -47,6 +47,8 @@ struct StreamInfo
     // frames is the container's own count (PCM sizes, FLAC, Ogg granules, MP4 tables) rather
     // than a guess from a first header or a bit rate; either way reading goes on to the end.
     bool framesExact = true;
+    // frames is what reading gives, no more (libsndfile's sizes of PCM data): reads stop there.
+    bool framesFinal = false;
 };
 
 // Damage a reader met so far: stretches it resynchronised past, and a cut-off end.

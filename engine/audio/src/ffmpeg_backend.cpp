@@ -517,6 +517,14 @@ namespace {
             return fail(AUDIOERR_UNSUPPORTED,
                 "unsupported sample rate " + std::to_string(par->sample_rate));
 
+        // FFmpeg decodes Opus at 48 kHz only; libsndfile at the rate the header names, when
+        // Opus has it: a file made at 8 to 24 kHz is left to libsndfile to keep its rate.
+        if (par->codec_id == AV_CODEC_ID_OPUS && par->extradata && par->extradata_size >= 16) {
+            const uint8_t* head = par->extradata + 12;
+            const uint32_t rate = head[0] | head[1] << 8 | head[2] << 16 | uint32_t(head[3]) << 24;
+            if (rate == 8000 || rate == 12000 || rate == 16000 || rate == 24000)
+                return fail(AUDIOERR_UNSUPPORTED, "Opus at " + std::to_string(rate) + " Hz");
+        }
         codec_ = codec;
         if (!openDecoder())
             return false;

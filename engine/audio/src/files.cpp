@@ -581,6 +581,8 @@ AUDIOFILE* openForReading(const char* pathText, const char* format, int64_t star
     }
     file->windowStart = startFrame;
     file->windowLimit = numFrames > 0 ? numFrames : INT64_MAX;
+    if (total >= 0 && file->reader->info().framesFinal)
+        file->windowLimit = std::min(file->windowLimit, total - startFrame);
     if (total >= 0)
         file->windowLength = std::min(file->windowLimit, std::max<int64_t>(0, total - startFrame));
     else if (numFrames > 0)
