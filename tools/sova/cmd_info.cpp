@@ -77,9 +77,10 @@ void printBlock(const QString& path, QSovaAudioFile& file, bool count)
     o << "  layout      " << format.channelLayoutName()
       << (format.channelMask() == 0 && file.numChannels() > 2 ? " (assumed)" : "") << Qt::endl;
     o << "  resolution  " << format.resolution() << " bits" << Qt::endl;
-    o << "  duration    "
-      << (seconds >= 0.0 ? guess + durationText(seconds) + guessed : QStringLiteral("unknown"))
-      << Qt::endl;
+    QString duration = seconds >= 0.0 ? durationText(seconds) : QStringLiteral("unknown");
+    if (estimated && seconds >= 0.0)
+        duration = guess + duration.chopped(1) + QStringLiteral(", estimated)");
+    o << "  duration    " << duration << Qt::endl;
     o << "  frames      "
       << (frames >= 0 ? guess + QString::number(frames) + guessed : QStringLiteral("unknown"))
       << Qt::endl;
