@@ -307,6 +307,21 @@ private slots:
         QVERIFY(first == again);
     }
 
+    // A seek beyond the real end of a guessed length reads nothing, and makes no length of it.
+    void seekPastTheEndOfAGuessMakesNoLength()
+    {
+        const QString file = path(QStringLiteral("cat.ac3"));
+        File f(AUDIO_LoadFileEx2(file.toUtf8().constData(), nullptr, 0, 0, 0));
+        QVERIFY(f);
+        const int64_t real = int64_t(ffmpegDecode(file).size() / kChannels);
+        std::vector<float> block(1000 * kChannels);
+        if (AUDIO_Seek(f.get(), 2 * real))
+            QCOMPARE(AUDIO_ReadIEEEFloat(f.get(), block.data(), 1000), int64_t(0));
+        QVERIFY(!AUDIO_LengthIsExact(f.get()));
+        QCOMPARE(AUDIO_CountFrames(f.get()), real);
+        QCOMPARE(AUDIO_Length(f.get()), real);
+    }
+
     // A signal read from a damaged file keeps its report; one made in memory has none.
     void signalKeepsTheDamageReport()
     {

@@ -241,6 +241,7 @@ struct _AUDIOFILE
     int64_t position = 0;
     bool lengthExact = true; // windowLength is a count, not a guess
     bool ended = false; // a read met the end of the stream: windowLength is what came out
+    bool blindSeek = false; // sought into a guessed length: the position may lie past the end
     int16_t reportedBits = 0; // ":fmtconv[nbits=]", 0 = as stored
 
     // Writing.
@@ -639,7 +640,10 @@ int64_t readBlocks(AUDIOFILE* file, T* buffer, int64_t frames, Fn readFn)
         done += n;
     }
     file->position += done;
-    if (end || (file->position >= file->windowLimit && file->windowLimit != INT64_MAX))
+    if (done > 0)
+        file->blindSeek = false;
+    if ((end && !file->blindSeek)
+        || (file->position >= file->windowLimit && file->windowLimit != INT64_MAX))
         noteEnd(file);
     return done;
 }
@@ -1241,6 +1245,7 @@ int32_t AUDIO_Seek(AUDIOFILE* file, int64_t frame)
     if (!file->reader->seek(file->windowStart + frame))
         return 0;
     file->position = frame;
+    file->blindSeek = frame > 0 && !file->lengthExact;
     return 1;
 }
 
@@ -1546,11 +1551,20 @@ int64_t AUDIO_CountFrames(AUDIOFILE* file)
     }
     const int32_t channels = file->reader->info().format.numChannels;
     std::vector<float> scratch(static_cast<size_t>(blockFrames(channels) * channels));
-    while (!file->ended) {
-        if (AUDIO_ReadIEEEFloat(file, scratch.data(), blockFrames(channels)) < 0)
+    for (int pass = 0; pass < 2 && !file->ended; ++pass) {
+        // A position sought past the real end reads nothing: count again from the start.
+        if (pass == 1 && !AUDIO_Seek(file, 0))
             return -1;
+        int64_t n;
+        while (!file->ended && (n = AUDIO_ReadIEEEFloat(file, scratch.data(), blockFrames(channels))) != 0)
+            if (n < 0)
+                return -1;
     }
     const int64_t total = file->windowLength;
+    if (!file->ended)
+        return -1;
+    if (here > total && file->reader->info().seekable)
+        return AUDIO_Seek(file, total) ? total : -1;
     if (file->position != here) {
         if (!file->reader->info().seekable) {
             // Nothing was read before: the count stands, the frames are gone.
