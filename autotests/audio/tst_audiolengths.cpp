@@ -119,9 +119,9 @@ private slots:
         QVERIFY(tool(QStringLiteral("sox"),
             {QStringLiteral("-R"), QStringLiteral("-n"), QStringLiteral("-r"),
                 QStringLiteral("44100"), QStringLiteral("-c"), QStringLiteral("2"),
-                QStringLiteral("-b"), QStringLiteral("16"), path(QStringLiteral("loud.wav")), QStringLiteral("synth"),
-                QStringLiteral("1"), QStringLiteral("whitenoise"), QStringLiteral("gain"),
-                QStringLiteral("-3")}));
+                QStringLiteral("-b"), QStringLiteral("16"), path(QStringLiteral("loud.wav")),
+                QStringLiteral("synth"), QStringLiteral("1"), QStringLiteral("whitenoise"),
+                QStringLiteral("gain"), QStringLiteral("-3")}));
         QVERIFY(tool(QStringLiteral("sox"),
             {QStringLiteral("-n"), QStringLiteral("-r"), QStringLiteral("44100"),
                 QStringLiteral("-c"), QStringLiteral("2"), QStringLiteral("-b"),
@@ -140,15 +140,15 @@ private slots:
         QVERIFY(enc(x, QStringLiteral("vbr.mp3"),
             {c, QStringLiteral("libmp3lame"), q, QStringLiteral("2"), QStringLiteral("-write_xing"),
                 QStringLiteral("0")}));
-        QVERIFY(enc(x, QStringLiteral("lame.mp3"), {c, QStringLiteral("libmp3lame"), q,
-                                                      QStringLiteral("2")}));
+        QVERIFY(enc(x, QStringLiteral("lame.mp3"),
+            {c, QStringLiteral("libmp3lame"), q, QStringLiteral("2")}));
         QVERIFY(enc(x, QStringLiteral("x.m4a"),
             {c, QStringLiteral("aac"), b, QStringLiteral("128k"), QStringLiteral("-movflags"),
                 QStringLiteral("+faststart")}));
-        QVERIFY(enc(x, QStringLiteral("x.opus"), {c, QStringLiteral("libopus"), b,
-                                                    QStringLiteral("96k")}));
-        QVERIFY(enc(x, QStringLiteral("x.ogg"), {c, QStringLiteral("libvorbis"), q,
-                                                   QStringLiteral("4")}));
+        QVERIFY(enc(
+            x, QStringLiteral("x.opus"), {c, QStringLiteral("libopus"), b, QStringLiteral("96k")}));
+        QVERIFY(enc(
+            x, QStringLiteral("x.ogg"), {c, QStringLiteral("libvorbis"), q, QStringLiteral("4")}));
         QVERIFY(enc(x, QStringLiteral("x.flac"), {}));
         // Concatenations whose halves differ in bit rate: a guess from the first header is
         // far off.
@@ -156,14 +156,14 @@ private slots:
                       quiet = path(QStringLiteral("quiet.wav"));
         QVERIFY(enc(loud, QStringLiteral("a.mp3"), {b, QStringLiteral("256k")}));
         QVERIFY(enc(quiet, QStringLiteral("b.mp3"), {b, QStringLiteral("64k")}));
-        QVERIFY(enc(loud, QStringLiteral("a.ac3"), {c, QStringLiteral("ac3"), b,
-                                                      QStringLiteral("192k")}));
-        QVERIFY(enc(quiet, QStringLiteral("b.ac3"), {c, QStringLiteral("ac3"), b,
-                                                       QStringLiteral("96k")}));
-        QVERIFY(enc(loud, QStringLiteral("a.aac"), {c, QStringLiteral("aac"), b,
-                                                      QStringLiteral("192k")}));
-        QVERIFY(enc(quiet, QStringLiteral("b.aac"), {c, QStringLiteral("aac"), b,
-                                                       QStringLiteral("48k")}));
+        QVERIFY(enc(
+            loud, QStringLiteral("a.ac3"), {c, QStringLiteral("ac3"), b, QStringLiteral("192k")}));
+        QVERIFY(enc(
+            quiet, QStringLiteral("b.ac3"), {c, QStringLiteral("ac3"), b, QStringLiteral("96k")}));
+        QVERIFY(enc(
+            loud, QStringLiteral("a.aac"), {c, QStringLiteral("aac"), b, QStringLiteral("192k")}));
+        QVERIFY(enc(
+            quiet, QStringLiteral("b.aac"), {c, QStringLiteral("aac"), b, QStringLiteral("48k")}));
         cat({QStringLiteral("a.mp3"), QStringLiteral("b.mp3")}, QStringLiteral("cat.mp3"));
         cat({QStringLiteral("a.ac3"), QStringLiteral("b.ac3")}, QStringLiteral("cat.ac3"));
         cat({QStringLiteral("a.aac"), QStringLiteral("b.aac")}, QStringLiteral("cat.aac"));

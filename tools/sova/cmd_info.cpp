@@ -46,8 +46,7 @@ bool readToEnd(QSovaAudioFile& file)
 {
     QByteArray block(1 << 16, Qt::Uninitialized);
     qint64 got;
-    while ((got = file.read(block.data(), block.size())) > 0) {
-    }
+    while ((got = file.read(block.data(), block.size())) > 0) { }
     return got == 0;
 }
 
@@ -137,12 +136,11 @@ int runInfo(const QStringList& arguments)
 
 } // namespace
 
-const Command infoCommand
-    = {"info", "Show the format, length and bit rate of audio files",
-        "[--format STRING] [--exact] FILE...",
-        "One block per file: container, mime type, codec, rate, channels, resolution, duration,\n"
-        "frames and bit rate. A file that cannot be read gets an error line on standard error and\n"
-        "makes the exit status 1; the other files are still shown. Bare MP3, ADTS AAC and AC-3\n"
-        "streams state no length: theirs is shown as '\u2248 ... (estimated)' unless --exact, which\n"
-        "decodes every file to count its frames and reports damage met on the way.",
-        runInfo};
+const Command infoCommand = {"info", "Show the format, length and bit rate of audio files",
+    "[--format STRING] [--exact] FILE...",
+    "One block per file: container, mime type, codec, rate, channels, resolution, duration,\n"
+    "frames and bit rate. A file that cannot be read gets an error line on standard error and\n"
+    "makes the exit status 1; the other files are still shown. Bare MP3, ADTS AAC and AC-3\n"
+    "streams state no length: theirs is shown as '\u2248 ... (estimated)' unless --exact, which\n"
+    "decodes every file to count its frames and reports damage met on the way.",
+    runInfo};

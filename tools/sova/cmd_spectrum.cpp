@@ -1,8 +1,8 @@
 // sova spectrum: the average power spectrum of a file, as a summary, a CSV table or a chart.
 #include "analysis.h"
-#include "damage.h"
 #include "audiopaths.h"
 #include "command.h"
+#include "damage.h"
 #include "plot.h"
 
 #include <QFileInfo>
@@ -106,7 +106,8 @@ int runSpectrum(const QStringList& arguments)
     const QSovaAudioSignal signal(path, parser.value(formatOption));
     if (!signal.isValid())
         return fail("spectrum", engineFailure(QStringLiteral("read"), path));
-    if (refuseDamage("spectrum", path, signal.damageReport(), parser.isSet(QStringLiteral("strict"))))
+    if (refuseDamage(
+            "spectrum", path, signal.damageReport(), parser.isSet(QStringLiteral("strict"))))
         return ExitFailure;
     if (channel > signal.numChannels())
         return fail("spectrum",

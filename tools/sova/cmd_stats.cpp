@@ -1,8 +1,8 @@
 // sova stats: peak, RMS, DC offset and A-weighted RMS of each channel.
 #include "analysis.h"
-#include "damage.h"
 #include "audiopaths.h"
 #include "command.h"
+#include "damage.h"
 
 #include <QSova>
 #include <QSovaAudioFormat>

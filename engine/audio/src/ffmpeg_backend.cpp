@@ -570,8 +570,8 @@ namespace {
         gapSlack_ = par->codec_id == AV_CODEC_ID_VORBIS ? 4096 : 1;
         // A stated count that reading falls short of is a cut; a count from the bit rate
         // says nothing.
-        statedFrames_ = info_.frames > 0
-                && fmt_->duration_estimation_method != AVFMT_DURATION_FROM_BITRATE
+        statedFrames_
+            = info_.frames > 0 && fmt_->duration_estimation_method != AVFMT_DURATION_FROM_BITRATE
             ? info_.frames
             : -1;
         info_.framesExact = info_.frames >= 0 && !elementary_
@@ -681,8 +681,8 @@ namespace {
                     return Step::Error;
                 carryStart_ = previousEnd >= 0 ? previousEnd : at;
                 if (carryStart_ >= 0)
-                    countedTo_ = std::max(
-                        countedTo_, carryStart_ + int64_t(carry_.size() / channels_));
+                    countedTo_
+                        = std::max(countedTo_, carryStart_ + int64_t(carry_.size() / channels_));
                 if (!carry_.empty())
                     return Step::Frame;
                 continue;
@@ -739,8 +739,7 @@ namespace {
             // FFmpeg's FLAC decoder does not check the CRC-16 that ends every frame, and
             // decodes a damaged one into wrong samples without a word: check it here.
             if (stream_->codecpar->codec_id == AV_CODEC_ID_FLAC && packet_->size > 2
-                && av_crc(av_crc_get_table(AV_CRC_16_ANSI), 0, packet_->data,
-                       size_t(packet_->size))
+                && av_crc(av_crc_get_table(AV_CRC_16_ANSI), 0, packet_->data, size_t(packet_->size))
                     != 0) {
                 damaged_ = true;
                 lostPending_ += duration;
@@ -913,8 +912,8 @@ namespace {
         // Timestamps in a unit that is no whole fraction of a sample cannot say where a frame
         // starts (Matroska and ASF count milliseconds, raw AC-3 gets 90 kHz ticks rounded per
         // packet): such streams are decoded forward, from the start when going back.
-        const bool coarse = elementary_ || stream_->time_base.num != 1
-            || stream_->time_base.den % rate != 0;
+        const bool coarse
+            = elementary_ || stream_->time_base.num != 1 || stream_->time_base.den % rate != 0;
         const int64_t here = carryStart_ >= 0 ? carryStart_ + int64_t(carryPos_) : -1;
         if (here >= 0 && frame >= here && (coarse || frame - here <= 2 * int64_t(rate))) {
             const Landing landing = discardTo(frame);

@@ -1556,7 +1556,8 @@ int64_t AUDIO_CountFrames(AUDIOFILE* file)
         if (pass == 1 && !AUDIO_Seek(file, 0))
             return -1;
         int64_t n;
-        while (!file->ended && (n = AUDIO_ReadIEEEFloat(file, scratch.data(), blockFrames(channels))) != 0)
+        while (!file->ended
+            && (n = AUDIO_ReadIEEEFloat(file, scratch.data(), blockFrames(channels))) != 0)
             if (n < 0)
                 return -1;
     }
