@@ -94,6 +94,10 @@ private slots:
         QTest::newRow("vad") << QStringList {QStringLiteral("vad"), QStringLiteral("IN"),
             QStringLiteral("--labels"), QStringLiteral("OUT")}
                              << true;
+        QTest::newRow("split") << QStringList {QStringLiteral("split"), QStringLiteral("IN"),
+            QStringLiteral("OUT")} << true;
+        QTest::newRow("join") << QStringList {QStringLiteral("join"), QStringLiteral("IN"),
+            QStringLiteral("OUT")} << true;
     }
     void damagedInputWarnedOrRefused()
     {
