@@ -122,7 +122,7 @@ int runInfo(const QStringList& arguments)
             continue;
         }
         if (parser.isSet(exactOption) && !readToEnd(file)) {
-            result = fail("info", engineFailure(QStringLiteral("read"), path));
+            result = fail("info", engineFailure(QStringLiteral("read"), read.first()));
             continue;
         }
         if (!first)
