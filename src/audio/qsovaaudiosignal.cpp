@@ -62,6 +62,14 @@ QSovaAudioSignal::QSovaAudioSignal(const QString& fileName, const QString& forma
 {
 }
 
+AUDIO_DamageReport QSovaAudioSignal::damageReport() const
+{
+    AUDIO_DamageReport report {0, 0, -1.0, 0.0, 0};
+    if (d->handle)
+        AUDIOSIGNAL_GetDamageReport(d->handle, &report);
+    return report;
+}
+
 QSovaAudioSignal::QSovaAudioSignal(const QSovaAudioSignal& other) = default;
 QSovaAudioSignal& QSovaAudioSignal::operator=(const QSovaAudioSignal& other) = default;
 QSovaAudioSignal::~QSovaAudioSignal() = default;

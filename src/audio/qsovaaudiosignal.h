@@ -60,6 +60,9 @@ public:
     // The engine handle, lent.
     operator _AUDIOSIGNAL*() const;
     bool isValid() const;
+    // Damage decoded past when the signal was read from its file (stretches 0 when clean, or
+    // for a signal not read from a file).
+    AUDIO_DamageReport damageReport() const;
     // Same shared record: two handles built separately around one engine pointer differ.
     bool operator==(const QSovaAudioSignal& other) const;
     bool operator!=(const QSovaAudioSignal& other) const { return !(*this == other); }

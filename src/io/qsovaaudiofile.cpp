@@ -131,6 +131,41 @@ qint64 QSovaAudioFile::size() const
     return frames * frameSize();
 }
 
+bool QSovaAudioFile::atEnd() const
+{
+    if (!d->isOpen || openMode() != ReadOnly)
+        return QIODevice::atEnd();
+    if (bytesAvailable() > 0)
+        return false;
+    // Only a read can tell: peek one frame (it stays in the device's buffer).
+    return const_cast<QSovaAudioFile*>(this)->peek(frameSize()).isEmpty();
+}
+
+bool QSovaAudioFile::isLengthExact() const
+{
+    return d->isOpen && AUDIO_LengthIsExact(d->handle) != 0;
+}
+
+qint64 QSovaAudioFile::countSamples()
+{
+    return d->isOpen ? AUDIO_CountFrames(d->handle) : -1;
+}
+
+AUDIO_DamageReport QSovaAudioFile::damageReport() const
+{
+    AUDIO_DamageReport report {0, 0, -1.0, 0.0, 0};
+    if (d->isOpen && openMode() == ReadOnly)
+        AUDIO_GetDamageReport(d->handle, &report);
+    return report;
+}
+
+AUDIO_DamageReport QSovaAudioFile::lastConversionDamage()
+{
+    AUDIO_DamageReport report {0, 0, -1.0, 0.0, 0};
+    AUDIO_LastConversionDamage(&report);
+    return report;
+}
+
 qint64 QSovaAudioFile::readData(char* data, qint64 maxSize)
 {
     if (maxSize == 0)

@@ -54,14 +54,27 @@ public:
     // Always true: the stream cannot be sought.
     bool isSequential() const override;
     // Bytes of the whole file in the sample kind (frames times frameSize()); -1 when closed or
-    // when the engine does not know the length.
+    // when the engine does not know the length. For bare MP3, ADTS and AC-3 streams a guess
+    // until the end has been read (isLengthExact()); reads go on to the real end either way.
     qint64 size() const override;
+    // True when nothing more can be read: closed, or a read met the end of the stream (the
+    // engine is asked for the next frame, never a header's length).
+    bool atEnd() const override;
 
     // Writes interleaved samples of the device's kind (4 bytes each: Float or IEEEFloat).
     void writeSamples(const QVector<float>& samples);
 
-    // Frames (samples per channel) of the file, -1 when closed or unknown.
+    // Frames (samples per channel) of the file, -1 when closed or unknown; a guess when
+    // isLengthExact() is false.
     qint64 numSamples() const;
+    // Whether numSamples() is a count (the container states it, or the end has been read).
+    bool isLengthExact() const;
+    // The exact number of frames, decoding to the end when the length is a guess (the read
+    // position is kept); -1 on failure.
+    qint64 countSamples();
+    // Damage decoded past while reading so far (the engine's report; stretches 0 when clean
+    // or closed).
+    AUDIO_DamageReport damageReport() const;
     // Seconds, 0 when closed.
     double duration() const;
     // Hz and channels of the open file, 0 when closed.
@@ -103,6 +116,8 @@ public:
     static bool convert(const QString& source, const QString& sourceFormat, const QString& target,
         const QString& targetFormat, QSovaAudioFormat& format,
         const std::function<bool(double)>& progress);
+    // Damage met in the source by the calling thread's last convert().
+    static AUDIO_DamageReport lastConversionDamage();
 
 protected:
     // 0 for a zero size even when closed; -1 when closed or on an engine error.

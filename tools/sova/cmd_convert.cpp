@@ -1,6 +1,7 @@
 #include "audiopaths.h"
 #include "clipwarning.h"
 #include "command.h"
+#include "damage.h"
 
 #include <QFileInfo>
 #include <QSovaAudioFile>
@@ -171,6 +172,7 @@ int runConvert(const QStringList& arguments)
         {QStringLiteral("q"), QStringLiteral("quiet")}, QStringLiteral("No progress bar."));
     parser.addOptions(
         {formatOption, inFormatOption, rateOption, channelsOption, bitsOption, quietOption});
+    parser.addOption(strictOption());
     const int status = parseCommand(convertCommand, parser, arguments, 2,
         QStringLiteral("needs an input and an output file"), 2);
     if (status >= 0)
@@ -232,6 +234,14 @@ int runConvert(const QStringList& arguments)
             return fail("convert", reason);
     }
 
+    // Damage is known once the source has been read: --strict reads it through first, so
+    // that a damaged source leaves OUT untouched.
+    const bool strict = parser.isSet(QStringLiteral("strict"));
+    AUDIO_DamageReport scanned {};
+    if (strict && sourceRead && scanDamage(in, parser.value(inFormatOption), &scanned)
+        && refuseDamage("convert", in, scanned, true))
+        return ExitFailure;
+
     const bool quiet = parser.isSet(quietOption);
     const QString label = QStringLiteral("converting");
     const bool ok = QSovaAudioFile::convert(in, parser.value(inFormatOption), target,
@@ -245,16 +255,19 @@ int runConvert(const QStringList& arguments)
     if (!ok)
         return fail("convert", engineFailure(QStringLiteral("convert"), in));
     warnClipped("convert", target, QSovaAudioFile::lastClipReport());
+    refuseDamage("convert", in, QSovaAudioFile::lastConversionDamage(), false);
     return ExitOk;
 }
 
 } // namespace
 
 const Command convertCommand = {"convert", "Convert an audio file into another format",
-    "[--format STRING] [--rate HZ] [--channels N] [--bits N] IN OUT",
+    "[--format STRING] [--rate HZ] [--channels N] [--bits N] [--strict] IN OUT",
     "OUT's format comes from --format (e.g. flac[nbits=24], mp3[kbps=192], m4a) or else from\n"
     "its extension. Rate and channels are converted when asked for (high-quality resampling;\n"
     "channels remixed by layout, ITU-R BS.775 down-mixes). A progress bar goes to standard\n"
     "error when it is a terminal (-q turns it off). OUT is replaced only when the conversion\n"
-    "succeeds. IN may be - (standard input), OUT - (standard output, with --format).",
+    "succeeds. IN may be - (standard input), OUT - (standard output, with --format). A damaged\n"
+    "or cut-off IN is decoded past with a warning naming where and how much was lost; --strict\n"
+    "makes it a failure instead.",
     runConvert};

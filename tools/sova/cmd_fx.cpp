@@ -2,6 +2,7 @@
 #include "audiopaths.h"
 #include "clipwarning.h"
 #include "command.h"
+#include "damage.h"
 #include "streamtools.h"
 
 #include <QDateTime>
@@ -28,7 +29,7 @@ int runFx(const QStringList& arguments)
         QStringLiteral("STRING"));
     const QCommandLineOption quietOption(
         {QStringLiteral("q"), QStringLiteral("quiet")}, QStringLiteral("No progress bar."));
-    parser.addOptions({chainOption, formatOption, quietOption});
+    parser.addOptions({chainOption, formatOption, quietOption, strictOption()});
     const int status = parseCommand(
         fxCommand, parser, arguments, 2, QStringLiteral("needs an input and an output file"), 2);
     if (status >= 0)
@@ -108,6 +109,10 @@ int runFx(const QStringList& arguments)
         // A run that failed half-way leaves OUT as it was.
         sink.abandon();
         return fail("fx", error.isEmpty() ? runner.error() : error);
+    }
+    if (refuseDamage("fx", in, source.damageReport(), parser.isSet(QStringLiteral("strict")))) {
+        sink.abandon();
+        return ExitFailure;
     }
     sink.close();
     // A close that failed (the last bytes met a full disk) left the old file in place.

@@ -1,5 +1,6 @@
 #include "audiopaths.h"
 #include "command.h"
+#include "damage.h"
 
 #include <QFileInfo>
 #include <QSovaAudioFile>
@@ -40,10 +41,23 @@ qint64 bitRateKbps(const QSovaAudioFormat& format, const QString& path, double s
     return 0;
 }
 
-void printBlock(const QString& path, QSovaAudioFile& file)
+// Decodes the whole file: its length is then a count, and its damage known.
+bool readToEnd(QSovaAudioFile& file)
+{
+    QByteArray block(1 << 16, Qt::Uninitialized);
+    qint64 got;
+    while ((got = file.read(block.data(), block.size())) > 0) { }
+    return got == 0;
+}
+
+void printBlock(const QString& path, QSovaAudioFile& file, bool count)
 {
     const QSovaAudioFormat format = file.format();
+    // Bare MP3, ADTS and AC-3 streams state no length; --exact has decoded the file.
     const qint64 frames = file.numSamples();
+    const bool estimated = frames >= 0 && !file.isLengthExact();
+    const QString guess = estimated ? QStringLiteral("\u2248 ") : QString();
+    const QString guessed = estimated ? QStringLiteral(" (estimated)") : QString();
     const double seconds
         = frames >= 0 && file.sampleRate() > 0 ? double(frames) / file.sampleRate() : -1.0;
     const auto container = format.container();
@@ -62,13 +76,18 @@ void printBlock(const QString& path, QSovaAudioFile& file)
     o << "  layout      " << format.channelLayoutName()
       << (format.channelMask() == 0 && file.numChannels() > 2 ? " (assumed)" : "") << Qt::endl;
     o << "  resolution  " << format.resolution() << " bits" << Qt::endl;
-    o << "  duration    " << (seconds >= 0.0 ? durationText(seconds) : QStringLiteral("unknown"))
-      << Qt::endl;
-    o << "  frames      " << (frames >= 0 ? QString::number(frames) : QStringLiteral("unknown"))
+    QString duration = seconds >= 0.0 ? durationText(seconds) : QStringLiteral("unknown");
+    if (estimated && seconds >= 0.0)
+        duration = guess + duration.chopped(1) + QStringLiteral(", estimated)");
+    o << "  duration    " << duration << Qt::endl;
+    o << "  frames      "
+      << (frames >= 0 ? guess + QString::number(frames) + guessed : QStringLiteral("unknown"))
       << Qt::endl;
     const qint64 kbps = bitRateKbps(format, path, seconds);
     o << "  bit rate    "
       << (kbps > 0 ? QStringLiteral("%1 kbps").arg(kbps) : QStringLiteral("unknown")) << Qt::endl;
+    if (count && isDamaged(file.damageReport()))
+        o << "  damage      " << damageText(path, file.damageReport()) << Qt::endl;
 }
 
 int runInfo(const QStringList& arguments)
@@ -80,6 +99,10 @@ int runInfo(const QStringList& arguments)
         QStringLiteral("Format string for headerless files, e.g. raw[sr=8000,nch=1]."),
         QStringLiteral("STRING"));
     parser.addOption(formatOption);
+    const QCommandLineOption exactOption(QStringLiteral("exact"),
+        QStringLiteral("Count the frames of streams whose length is only estimated (decodes "
+                       "them), and report damage met on the way."));
+    parser.addOption(exactOption);
     const int status
         = parseCommand(infoCommand, parser, arguments, 1, QStringLiteral("needs a file"));
     if (status >= 0)
@@ -98,10 +121,14 @@ int runInfo(const QStringList& arguments)
             result = fail("info", engineFailure(QStringLiteral("read"), read.first()));
             continue;
         }
+        if (parser.isSet(exactOption) && !readToEnd(file)) {
+            result = fail("info", engineFailure(QStringLiteral("read"), read.first()));
+            continue;
+        }
         if (!first)
             out() << Qt::endl;
         first = false;
-        printBlock(path, file);
+        printBlock(path, file, parser.isSet(exactOption));
     }
     out().flush();
     return result;
@@ -109,9 +136,11 @@ int runInfo(const QStringList& arguments)
 
 } // namespace
 
-const Command infoCommand
-    = {"info", "Show the format, length and bit rate of audio files", "[--format STRING] FILE...",
-        "One block per file: container, mime type, codec, rate, channels, resolution, duration,\n"
-        "frames and bit rate. A file that cannot be read gets an error line on standard error and\n"
-        "makes the exit status 1; the other files are still shown.",
-        runInfo};
+const Command infoCommand = {"info", "Show the format, length and bit rate of audio files",
+    "[--format STRING] [--exact] FILE...",
+    "One block per file: container, mime type, codec, rate, channels, resolution, duration,\n"
+    "frames and bit rate. A file that cannot be read gets an error line on standard error and\n"
+    "makes the exit status 1; the other files are still shown. Bare MP3, ADTS AAC and AC-3\n"
+    "streams state no length: theirs is shown as '\u2248 ... (estimated)' unless --exact, which\n"
+    "decodes every file to count its frames and reports damage met on the way.",
+    runInfo};

@@ -2,6 +2,7 @@
 #include "analysis.h"
 #include "audiopaths.h"
 #include "command.h"
+#include "damage.h"
 #include "plot.h"
 
 #include <QFileInfo>
@@ -58,6 +59,7 @@ int runSpectrum(const QStringList& arguments)
         QStringLiteral("STRING"));
     parser.addOptions({selectionOption, fftOption, stepOption, windowOption, channelOption,
         csvOption, pngOption, formatOption});
+    parser.addOption(strictOption());
     const int status
         = parseCommand(spectrumCommand, parser, arguments, 1, QStringLiteral("needs a file"), 1);
     if (status >= 0)
@@ -104,6 +106,9 @@ int runSpectrum(const QStringList& arguments)
     const QSovaAudioSignal signal(path, parser.value(formatOption));
     if (!signal.isValid())
         return fail("spectrum", engineFailure(QStringLiteral("read"), path));
+    if (refuseDamage(
+            "spectrum", path, signal.damageReport(), parser.isSet(QStringLiteral("strict"))))
+        return ExitFailure;
     if (channel > signal.numChannels())
         return fail("spectrum",
             QStringLiteral("'%1' has %2 channel(s), not %3")

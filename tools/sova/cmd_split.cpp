@@ -2,6 +2,7 @@
 #include "audiopaths.h"
 #include "clipwarning.h"
 #include "command.h"
+#include "damage.h"
 
 #include <QDateTime>
 #include <QFileInfo>
@@ -44,6 +45,7 @@ int runSplit(const QStringList& arguments)
     parser.addPositionalArgument(QStringLiteral("out"),
         QStringLiteral("One file per channel, at most 8."), QStringLiteral("OUT..."));
     parser.addOption(formatOption());
+    parser.addOption(strictOption());
     int status = parseCommand(splitCommand, parser, arguments, 2,
         QStringLiteral("needs an input file and at least one output"));
     if (status >= 0)
@@ -62,6 +64,11 @@ int runSplit(const QStringList& arguments)
         return fail("split", engineFailure(QStringLiteral("read"), in));
     const int channels = probe.numChannels();
     probe.close();
+    // The split reads IN in the library: read it through once more to learn of damage.
+    AUDIO_DamageReport damage {};
+    if (scanDamage(in, QString(), &damage)
+        && refuseDamage("split", in, damage, parser.isSet(QStringLiteral("strict"))))
+        return ExitFailure;
     if (outputs.size() > channels) {
         for (const QString& ignored : outputs.mid(channels))
             err() << "sova: split: '" << in << "' has " << channels << " channel"
@@ -118,6 +125,7 @@ int runJoin(const QStringList& arguments)
     parser.addPositionalArgument(
         QStringLiteral("out"), QStringLiteral("The file to write."), QStringLiteral("OUT"));
     parser.addOption(formatOption());
+    parser.addOption(strictOption());
     int status = parseCommand(joinCommand, parser, arguments, 2,
         QStringLiteral("needs at least one input file and an output"));
     if (status >= 0)
@@ -133,6 +141,10 @@ int runJoin(const QStringList& arguments)
         QSovaAudioFile probe(path, QString(), QSovaAudioFile::IEEEFloat);
         if (!probe.open(QIODevice::ReadOnly))
             return fail("join", engineFailure(QStringLiteral("read"), path));
+        AUDIO_DamageReport damage {};
+        if (scanDamage(path, QString(), &damage)
+            && refuseDamage("join", path, damage, parser.isSet(QStringLiteral("strict"))))
+            return ExitFailure;
     }
     const QDateTime before = QFileInfo(target).lastModified();
     bool ok;

@@ -2,6 +2,7 @@
 #include "analysis.h"
 #include "audiopaths.h"
 #include "command.h"
+#include "damage.h"
 
 #include <QSova>
 #include <QSovaAudioFormat>
@@ -84,6 +85,7 @@ int runStats(const QStringList& arguments)
         QStringLiteral("STRING"));
     parser.addOption(selectionOption);
     parser.addOption(formatOption);
+    parser.addOption(strictOption());
     const int status
         = parseCommand(statsCommand, parser, arguments, 1, QStringLiteral("needs a file"), 1);
     if (status >= 0)
@@ -101,6 +103,8 @@ int runStats(const QStringList& arguments)
     const QSovaAudioSignal signal(path, parser.value(formatOption));
     if (!signal.isValid())
         return fail("stats", engineFailure(QStringLiteral("read"), path));
+    if (refuseDamage("stats", path, signal.damageReport(), parser.isSet(QStringLiteral("strict"))))
+        return ExitFailure;
 
     QStringList warnings;
     const QSovaAudioSelectionList clipped

@@ -2,6 +2,7 @@
 // detector.
 #include "audiopaths.h"
 #include "command.h"
+#include "damage.h"
 #include "streamtools.h"
 
 #include <QFile>
@@ -23,7 +24,7 @@ int runVad(const QStringList& arguments)
         QStringLiteral("TEXT"));
     const QCommandLineOption labelsOption(QStringLiteral("labels"),
         QStringLiteral("Also write the segments as a label file."), QStringLiteral("OUT"));
-    parser.addOptions({paramsOption, labelsOption});
+    parser.addOptions({paramsOption, labelsOption, strictOption()});
     const int status
         = parseCommand(vadCommand, parser, arguments, 1, QStringLiteral("needs an audio file"), 1);
     if (status >= 0)
@@ -68,6 +69,8 @@ int runVad(const QStringList& arguments)
         tracker.feed(mono.constData(), frames);
     }
     tracker.finish();
+    if (refuseDamage("vad", in, file.damageReport(), parser.isSet(QStringLiteral("strict"))))
+        return ExitFailure;
 
     out() << tracker.segmentLines(false);
     out().flush();

@@ -44,6 +44,20 @@ struct StreamInfo
     int64_t frames = -1; // total frames, -1 unknown
     int64_t bitRate = 0; // bit/s of the stored stream, 0 unknown
     bool seekable = false;
+    // frames is the container's own count (PCM sizes, FLAC, Ogg granules, MP4 tables) rather
+    // than a guess from a first header or a bit rate; either way reading goes on to the end.
+    bool framesExact = true;
+    // frames is what reading gives, no more (libsndfile's sizes of PCM data): reads stop there.
+    bool framesFinal = false;
+};
+
+// Damage a reader met so far: stretches it resynchronised past, and a cut-off end.
+struct DamageInfo
+{
+    int32_t stretches = 0;
+    bool truncated = false;
+    double firstSeconds = -1.0; // where the first stretch starts
+    double secondsLost = 0.0; // audio missing from the output, as far as timestamps tell
 };
 
 // Decodes one stream. Samples are interleaved floats normalised to +-1.0.
@@ -59,6 +73,8 @@ public:
     virtual int64_t read16(int16_t* dst, int64_t frames);
     // Moves to a frame; false (recorded) when not possible.
     virtual bool seek(int64_t frame) = 0;
+    // What the reader salvaged past; null when it keeps no account (then none was met).
+    virtual const DamageInfo* damage() const { return nullptr; }
 };
 
 // Encodes one stream. The file layer has already clipped nothing: encoders clip as they must.

@@ -10,6 +10,7 @@ extern "C" {
 #include <libavformat/avformat.h>
 #include <libavutil/audio_fifo.h>
 #include <libavutil/channel_layout.h>
+#include <libavutil/crc.h>
 #include <libavutil/dict.h>
 #include <libavutil/error.h>
 #include <libavutil/log.h>
@@ -380,6 +381,7 @@ namespace {
         const StreamInfo& info() const override { return info_; }
         int64_t read(float* dst, int64_t frames) override;
         bool seek(int64_t frame) override;
+        const DamageInfo* damage() const override { return &damage_; }
 
     private:
         enum class Step { Frame, End, Error };
@@ -397,6 +399,14 @@ namespace {
         Landing discardTo(int64_t target);
         bool openDecoder();
         int seekToStart();
+        // Counts a damaged stretch starting at output frame `at` (once, however often a seek
+        // decodes it again), with `lost` frames missing from the output.
+        void noteDamage(int64_t at, int64_t lost);
+        // At the end of the stream: a stretch still open, or fewer frames than the container
+        // states, is a cut-off end.
+        void noteEnd();
+        // Whether an Ogg file ends in a whole end-of-stream page (a cut leaves a partial one).
+        bool oggEndsWhole();
 
         _HFile* io_;
         std::string path_;
@@ -424,7 +434,37 @@ namespace {
         std::string pendingError_; // a demuxer failure reported once the decoder is drained
         int32_t pendingCode_ = 0;
         int64_t preroll_ = 0;
+        bool elementary_ = false; // no container: lengths are guesses, seeks land by guess too
+        DamageInfo damage_;
+        bool damaged_ = false; // an error met since the last good frame
+        int64_t lostPending_ = 0; // frames of the packets that failed since then
+        int64_t stampEnd_ = -1; // where the last good frame ended by its timestamp
+        int goodFrames_ = 0; // good frames since the decoder (re)started
+        int64_t countedTo_ = 0; // damage before this output frame is already counted
+        int demuxErrors_ = 0;
+        int oggWhole_ = -1; // -1 not looked at yet
+        int64_t gapSlack_ = 1; // timestamp jumps up to this are no gap (Ogg Vorbis estimates)
+        int64_t lostFrames_ = 0; // frames counted lost so far
+        int64_t statedFrames_ = -1; // the length the container or a Xing header states
     };
+
+    // ID3v2, ID3v1 and APE tags, which a concatenation leaves between frames.
+    bool isTag(const uint8_t* data, int size)
+    {
+        return data && size >= 3
+            && (!std::memcmp(data, "ID3", 3) || !std::memcmp(data, "TAG", 3)
+                || (size >= 8 && !std::memcmp(data, "APETAGEX", 8)));
+    }
+
+    // Demuxers of bare elementary streams: no index and no stated length.
+    bool isElementary(const char* demuxer)
+    {
+        for (const char* name : {"mp3", "aac", "ac3", "eac3", "dts", "dtshd", "mp2", "truehd",
+                 "mlp", "amr", "amrnb", "amrwb", "loas", "latm"})
+            if (hasName(demuxer, name))
+                return true;
+        return false;
+    }
 
     bool FfmpegReader::open(const FormatRequest& request)
     {
@@ -477,6 +517,14 @@ namespace {
             return fail(AUDIOERR_UNSUPPORTED,
                 "unsupported sample rate " + std::to_string(par->sample_rate));
 
+        // FFmpeg decodes Opus at 48 kHz only; libsndfile at the rate the header names, when
+        // Opus has it: a file made at 8 to 24 kHz is left to libsndfile to keep its rate.
+        if (par->codec_id == AV_CODEC_ID_OPUS && par->extradata && par->extradata_size >= 16) {
+            const uint8_t* head = par->extradata + 12;
+            const uint32_t rate = head[0] | head[1] << 8 | head[2] << 16 | uint32_t(head[3]) << 24;
+            if (rate == 8000 || rate == 12000 || rate == 16000 || rate == 24000)
+                return fail(AUDIOERR_UNSUPPORTED, "Opus at " + std::to_string(rate) + " Hz");
+        }
         codec_ = codec;
         if (!openDecoder())
             return false;
@@ -514,6 +562,20 @@ namespace {
             info_.frames = av_rescale_q(stream_->duration, stream_->time_base, {1, f.sampleRate});
         else if (fmt_->duration != AV_NOPTS_VALUE && fmt_->duration > 0)
             info_.frames = av_rescale_q(fmt_->duration, AV_TIME_BASE_Q, {1, f.sampleRate});
+        // A bare MP3, ADTS or AC-3 stream states no length: FFmpeg's figure comes from a first
+        // header (a Xing count that a concatenated file outgrows) or from the bit rate.
+        elementary_ = isElementary(fmt_->iformat->name);
+        // Ogg Vorbis packets get timestamps from their page's granule and estimated block
+        // sizes: a jump of up to a long block is no loss there.
+        gapSlack_ = par->codec_id == AV_CODEC_ID_VORBIS ? 4096 : 1;
+        // A stated count that reading falls short of is a cut; a count from the bit rate
+        // says nothing.
+        statedFrames_
+            = info_.frames > 0 && fmt_->duration_estimation_method != AVFMT_DURATION_FROM_BITRATE
+            ? info_.frames
+            : -1;
+        info_.framesExact = info_.frames >= 0 && !elementary_
+            && fmt_->duration_estimation_method != AVFMT_DURATION_FROM_BITRATE;
         info_.seekable = BLIO_IsSeekable(io_) != 0;
         preroll_ = std::max<int64_t>(par->seek_preroll, isLossyCoder(f.coder) ? kLossyPreroll : 0);
         carryStart_ = 0;
@@ -599,17 +661,35 @@ namespace {
                 const int64_t at = framePosition(frame_);
                 const int64_t previousEnd
                     = carryStart_ >= 0 ? carryStart_ + int64_t(carry_.size() / channels_) : -1;
+                // Timestamps tell what a resynchronising demuxer or decoder left out. The first
+                // frames after a start carry trimmed encoder delays: no gap is read there.
+                const int64_t gap
+                    = at >= 0 && stampEnd_ >= 0 && goodFrames_ >= 2 ? at - stampEnd_ : 0;
+                const int64_t slack = std::max<int64_t>(gapSlack_, info_.format.sampleRate / 500);
+                if ((frame_->flags & AV_FRAME_FLAG_CORRUPT) || frame_->decode_error_flags)
+                    damaged_ = true;
+                if (damaged_ || gap > slack)
+                    noteDamage(previousEnd >= 0 ? previousEnd : at,
+                        std::max(gap > slack ? gap : 0, lostPending_));
+                damaged_ = false;
+                lostPending_ = 0;
+                ++goodFrames_;
+                stampEnd_ = at >= 0 ? at + frame_->nb_samples : -1;
                 const bool ok = convert(frame_);
                 av_frame_unref(frame_);
                 if (!ok)
                     return Step::Error;
                 carryStart_ = previousEnd >= 0 ? previousEnd : at;
+                if (carryStart_ >= 0)
+                    countedTo_
+                        = std::max(countedTo_, carryStart_ + int64_t(carry_.size() / channels_));
                 if (!carry_.empty())
                     return Step::Frame;
                 continue;
             }
             if (err == AVERROR_EOF) {
                 ended_ = true;
+                noteEnd();
                 if (!pendingError_.empty()) {
                     setError(pendingCode_, "%s", pendingError_.c_str());
                     return Step::Error;
@@ -617,6 +697,7 @@ namespace {
                 return Step::End;
             }
             if (err != AVERROR(EAGAIN)) {
+                damaged_ = true;
                 if (++errors_ > kMaxConsecutiveErrors)
                     return fail(AUDIOERR_DECODE, avError(err)), Step::Error;
                 continue;
@@ -624,6 +705,7 @@ namespace {
             if (draining_) {
                 // EAGAIN while draining: the decoder has nothing more.
                 ended_ = true;
+                noteEnd();
                 return Step::End;
             }
             err = av_read_frame(fmt_, packet_);
@@ -631,23 +713,116 @@ namespace {
                 if (err == AVERROR_EXIT)
                     return fail(AUDIOERR_DECODE, "timed out"), Step::Error;
                 if (err != AVERROR_EOF) {
-                    // Deliver what still decodes, then report the damage.
-                    pendingCode_ = AUDIOERR_CORRUPT;
-                    pendingError_ = "cannot read '" + path_ + "': " + avError(err);
+                    // Damage: demuxers resynchronise on the next call, as far as they can. At
+                    // the end of the file, or when they cannot, the rest is cut off.
+                    damaged_ = true;
+                    if (!avio_feof(fmt_->pb) && ++demuxErrors_ <= kMaxConsecutiveErrors)
+                        continue;
+                    damage_.truncated = true;
                 }
                 draining_ = true;
                 avcodec_send_packet(dec_, nullptr);
                 continue;
             }
+            demuxErrors_ = 0;
             if (packet_->stream_index != stream_->index) {
                 av_packet_unref(packet_);
                 continue;
             }
+            if (packet_->flags & AV_PKT_FLAG_CORRUPT)
+                damaged_ = true;
+            const int64_t duration = packet_->duration > 0
+                ? av_rescale_q(packet_->duration, stream_->time_base, {1, info_.format.sampleRate})
+                : 0;
+            // Concatenated MP3 and ADTS files carry their tags along: metadata, not damage.
+            const bool tag = isTag(packet_->data, packet_->size);
+            // FFmpeg's FLAC decoder does not check the CRC-16 that ends every frame, and
+            // decodes a damaged one into wrong samples without a word: check it here.
+            if (stream_->codecpar->codec_id == AV_CODEC_ID_FLAC && packet_->size > 2
+                && av_crc(av_crc_get_table(AV_CRC_16_ANSI), 0, packet_->data, size_t(packet_->size))
+                    != 0) {
+                damaged_ = true;
+                lostPending_ += duration;
+            }
             err = avcodec_send_packet(dec_, packet_);
             av_packet_unref(packet_);
-            if (err < 0 && err != AVERROR(EAGAIN) && ++errors_ > kMaxConsecutiveErrors)
-                return fail(AUDIOERR_DECODE, avError(err)), Step::Error;
+            if (err < 0 && err != AVERROR(EAGAIN) && tag) {
+                if (stampEnd_ >= 0)
+                    stampEnd_ += duration;
+            } else if (err < 0 && err != AVERROR(EAGAIN)) {
+                // The decoder dropped the packet: what it held is lost.
+                damaged_ = true;
+                lostPending_ += std::max<int64_t>(duration, 0);
+                if (++errors_ > kMaxConsecutiveErrors)
+                    return fail(AUDIOERR_DECODE, avError(err)), Step::Error;
+            }
         }
+    }
+
+    void FfmpegReader::noteDamage(int64_t at, int64_t lost)
+    {
+        if (at >= 0 && at < countedTo_)
+            return;
+        const double rate = info_.format.sampleRate;
+        ++damage_.stretches;
+        if (damage_.firstSeconds < 0.0)
+            damage_.firstSeconds = std::max<int64_t>(at, 0) / rate;
+        damage_.secondsLost += std::max<int64_t>(lost, 0) / rate;
+        lostFrames_ += std::max<int64_t>(lost, 0);
+        countedTo_ = std::max(countedTo_, at + 1);
+    }
+
+    void FfmpegReader::noteEnd()
+    {
+        const int64_t end
+            = carryStart_ >= 0 ? carryStart_ + int64_t(carry_.size() / channels_) : -1;
+        if (end < 0)
+            return;
+        // The container's own count says how much a cut took away. Lossy codecs trim their
+        // delays from it by up to a frame or two, so only a clear shortfall counts.
+        const int64_t slack = isLossyCoder(info_.format.coder) ? 4096 : 0;
+        const int64_t missing = statedFrames_ > 0 ? statedFrames_ - end - lostFrames_ : 0;
+        if (damaged_ || damage_.truncated || missing > slack || !oggEndsWhole()) {
+            damage_.truncated = true;
+            noteDamage(end, std::max<int64_t>(missing > slack ? missing : 0, lostPending_));
+        }
+        damaged_ = false;
+        lostPending_ = 0;
+    }
+
+    bool FfmpegReader::oggEndsWhole()
+    {
+        const uint32_t container = info_.format.container;
+        if (container != AUDIO_CONTAINER_OGG_VORBIS && container != AUDIO_CONTAINER_OGG_OPUS
+            && container != AUDIO_CONTAINER_OGG_OTHER)
+            return true;
+        const int64_t size = BLIO_FileSize(io_);
+        if (oggWhole_ >= 0 || !info_.seekable || size <= 0)
+            return oggWhole_ != 0;
+        // The last page: "OggS", its header (27 bytes and a lacing table), then its body.
+        const int64_t span = std::min<int64_t>(size, 65536 + 27 + 255);
+        std::vector<uint8_t> tail(size_t(span), 0);
+        // FFmpeg buffers ahead of the handle: the handle goes back to where it was.
+        const int64_t saved = BLIO_FilePosition(io_);
+        oggWhole_ = 1;
+        if (BLIO_Seek(io_, size - span, BLIO_SEEK_SET)
+            && BLIO_ReadData(io_, tail.data(), span) == span) {
+            oggWhole_ = 0;
+            for (int64_t i = span - 27; i >= 0; --i) {
+                if (std::memcmp(tail.data() + i, "OggS", 4) != 0)
+                    continue;
+                const int segments = tail[size_t(i + 26)];
+                if (i + 27 + segments > span)
+                    continue;
+                int64_t body = 0;
+                for (int k = 0; k < segments; ++k)
+                    body += tail[size_t(i + 27 + k)];
+                oggWhole_ = (tail[size_t(i + 5)] & 0x04) && i + 27 + segments + body == span;
+                break;
+            }
+        }
+        BLIO_Seek(io_, saved, BLIO_SEEK_SET);
+        return oggWhole_ != 0;
     }
 
     int64_t FfmpegReader::read(float* dst, int64_t frames)
@@ -737,7 +912,8 @@ namespace {
         // Timestamps in a unit that is no whole fraction of a sample cannot say where a frame
         // starts (Matroska and ASF count milliseconds, raw AC-3 gets 90 kHz ticks rounded per
         // packet): such streams are decoded forward, from the start when going back.
-        const bool coarse = stream_->time_base.num != 1 || stream_->time_base.den % rate != 0;
+        const bool coarse
+            = elementary_ || stream_->time_base.num != 1 || stream_->time_base.den % rate != 0;
         const int64_t here = carryStart_ >= 0 ? carryStart_ + int64_t(carryPos_) : -1;
         if (here >= 0 && frame >= here && (coarse || frame - here <= 2 * int64_t(rate))) {
             const Landing landing = discardTo(frame);
@@ -773,7 +949,11 @@ namespace {
             carryStart_ = back == 0 ? 0 : -1;
             draining_ = ended_ = false;
             pendingError_.clear();
-            errors_ = 0;
+            errors_ = demuxErrors_ = 0;
+            damaged_ = false;
+            lostPending_ = 0;
+            stampEnd_ = -1;
+            goodFrames_ = 0;
             const Landing landing = discardTo(frame);
             if (landing == Landing::Reached)
                 return true;

@@ -114,6 +114,14 @@ bool sndfileReads(uint32_t container)
     }
 }
 
+// Compressed containers FFmpeg reads better than libsndfile: it resynchronises past damage,
+// gives back a cut file up to the cut, honours gapless headers and decodes MP3 faster.
+bool ffmpegReadsBetter(uint32_t container)
+{
+    return container == AUDIO_CONTAINER_FLAC || container == AUDIO_CONTAINER_MPEG
+        || container == AUDIO_CONTAINER_OGG_VORBIS || container == AUDIO_CONTAINER_OGG_OPUS;
+}
+
 std::string extensionOf(const std::string& path)
 {
     const size_t slash = path.find_last_of("/\\");
@@ -231,6 +239,9 @@ struct _AUDIOFILE
     int64_t windowLength = -1; // -1 unknown
     int64_t windowLimit = INT64_MAX; // frames the window allows, known length or not
     int64_t position = 0;
+    bool lengthExact = true; // windowLength is a count, not a guess
+    bool ended = false; // a read met the end of the stream: windowLength is what came out
+    bool blindSeek = false; // sought into a guessed length: the position may lie past the end
     int16_t reportedBits = 0; // ":fmtconv[nbits=]", 0 = as stored
 
     // Writing.
@@ -386,6 +397,12 @@ std::unique_ptr<Reader> openReader(
     _HFile* io, const std::string& path, const FormatRequest& request)
 {
     if (request.container != 0) {
+        if (ffmpegReadsBetter(request.container)) {
+            if (auto reader = openFfmpegReader(io, path, request))
+                return reader;
+            if (!BLIO_Seek(io, 0, BLIO_SEEK_SET))
+                return nullptr;
+        }
         if (sndfileReads(request.container))
             return openSndfileReader(io, path, request);
         return openFfmpegReader(io, path, request);
@@ -400,8 +417,32 @@ std::unique_ptr<Reader> openReader(
         if (!BLIO_Seek(io, 0, BLIO_SEEK_SET))
             return nullptr;
     }
-    if (auto reader = openSndfileReader(io, path, request))
-        return reader;
+    // FLAC, Ogg and MP3 by their first bytes go straight to FFmpeg (libsndfile would refuse a
+    // cut FLAC, and its MP3 decoder prints to stderr while probing).
+    unsigned char magic[4] = {};
+    const int64_t got = BLIO_ReadData(io, magic, 4);
+    if (!BLIO_Seek(io, 0, BLIO_SEEK_SET))
+        return nullptr;
+    if (got == 4
+        && (!std::memcmp(magic, "fLaC", 4) || !std::memcmp(magic, "OggS", 4)
+            || !std::memcmp(magic, "ID3", 3) || (magic[0] == 0xFF && (magic[1] & 0xE0) == 0xE0))) {
+        if (auto reader = openFfmpegReader(io, path, request))
+            return reader;
+        if (!BLIO_Seek(io, 0, BLIO_SEEK_SET))
+            return nullptr;
+    }
+    if (auto reader = openSndfileReader(io, path, request)) {
+        if (!ffmpegReadsBetter(reader->info().format.container))
+            return reader;
+        reader.reset();
+        if (!BLIO_Seek(io, 0, BLIO_SEEK_SET))
+            return nullptr;
+        if (auto better = openFfmpegReader(io, path, request))
+            return better;
+        if (!BLIO_Seek(io, 0, BLIO_SEEK_SET))
+            return nullptr;
+        return openSndfileReader(io, path, request);
+    }
     SavedError sndfile;
     sndfile.save();
     // A stream libsndfile opened but found out of the engine's range (16 channels, say) is
@@ -502,9 +543,10 @@ AUDIOFILE* openForReading(const char* pathText, const char* format, int64_t star
     }
     file->reportedBits = static_cast<int16_t>(conv.bitsPerSample);
 
-    // The window.
+    // The window. A length from the header bounds nothing: readers go on to the real end.
     const int64_t total = file->reader->info().frames;
-    if (total >= 0 && startFrame > total) {
+    file->lengthExact = file->reader->info().framesExact && total >= 0;
+    if (file->lengthExact && startFrame > total) {
         setError(BLERR_INVALID_ARGUMENT, "'%s': start frame %lld is beyond the end (%lld frames)",
             pathText, static_cast<long long>(startFrame), static_cast<long long>(total));
         destroy(file);
@@ -540,11 +582,21 @@ AUDIOFILE* openForReading(const char* pathText, const char* format, int64_t star
     }
     file->windowStart = startFrame;
     file->windowLimit = numFrames > 0 ? numFrames : INT64_MAX;
-    if (total >= 0) {
+    if (total >= 0 && file->reader->info().framesFinal)
         file->windowLimit = std::min(file->windowLimit, total - startFrame);
-        file->windowLength = file->windowLimit;
-    }
+    if (total >= 0)
+        file->windowLength = std::min(file->windowLimit, std::max<int64_t>(0, total - startFrame));
+    else if (numFrames > 0)
+        file->lengthExact = false;
     return file;
+}
+
+// The stream ended (or the window filled) here: the length is what came out.
+void noteEnd(AUDIOFILE* file)
+{
+    file->ended = true;
+    file->lengthExact = true;
+    file->windowLength = file->position;
 }
 
 int64_t windowRemaining(const AUDIOFILE* file)
@@ -573,6 +625,7 @@ int64_t readBlocks(AUDIOFILE* file, T* buffer, int64_t frames, Fn readFn)
     const int32_t channels = file->reader->info().format.numChannels;
     const int64_t block = std::max<int64_t>(blockFrames(channels), 4096);
     int64_t done = 0;
+    bool end = false;
     while (done < frames) {
         const int64_t n = readFn(buffer + done * channels, std::min(block, frames - done));
         if (n < 0) {
@@ -580,11 +633,18 @@ int64_t readBlocks(AUDIOFILE* file, T* buffer, int64_t frames, Fn readFn)
                 break; // the next call reports it
             return -1;
         }
-        if (n == 0)
+        if (n == 0) {
+            end = true;
             break;
+        }
         done += n;
     }
     file->position += done;
+    if (done > 0)
+        file->blindSeek = false;
+    if ((end && !file->blindSeek)
+        || (file->position >= file->windowLimit && file->windowLimit != INT64_MAX))
+        noteEnd(file);
     return done;
 }
 
@@ -896,6 +956,9 @@ bool resolveWriteFormat(
     return true;
 }
 
+// Damage met in the source by the thread's last AUDIO_ConvertEx.
+thread_local AUDIO_DamageReport lastConversionDamage {0, 0, -1.0, 0.0, 0};
+
 void removeQuietly(const std::string& path)
 {
     int32_t code = BLERROR_LastCode();
@@ -1169,7 +1232,8 @@ int32_t AUDIO_Seek(AUDIOFILE* file, int64_t frame)
         setError(BLERR_INVALID_ARGUMENT, "no audio file open for reading");
         return 0;
     }
-    if (frame < 0 || frame > file->windowLimit) {
+    if (frame < 0 || frame > file->windowLimit
+        || (file->lengthExact && file->windowLength >= 0 && frame > file->windowLength)) {
         setError(BLERR_INVALID_ARGUMENT, "'%s': cannot seek to frame %lld", file->path.c_str(),
             static_cast<long long>(frame));
         return 0;
@@ -1181,6 +1245,7 @@ int32_t AUDIO_Seek(AUDIOFILE* file, int64_t frame)
     if (!file->reader->seek(file->windowStart + frame))
         return 0;
     file->position = frame;
+    file->blindSeek = frame > 0 && !file->lengthExact;
     return 1;
 }
 
@@ -1190,6 +1255,9 @@ int64_t AUDIO_Length(AUDIOFILE* file)
         return -1;
     if (file->writer)
         return file->written;
+    // A guess is at least what has come out so far.
+    if (!file->lengthExact && file->windowLength >= 0)
+        return std::max(file->windowLength, file->position);
     return file->windowLength >= 0 ? file->windowLength : -1;
 }
 
@@ -1294,7 +1362,7 @@ double AUDIO_GetAudioFileDurationEx(const char* path, const char* format)
     AUDIOFILE* file = AUDIO_LoadFileEx2(path, format, 0, 0, 0);
     if (!file)
         return -1.0;
-    double seconds = AUDIO_Duration(file);
+    double seconds = AUDIO_LengthIsExact(file) ? AUDIO_Duration(file) : -1.0;
     if (seconds < 0.0) {
         const int32_t channels = file->reader->info().format.numChannels;
         const int64_t block = blockFrames(channels);
@@ -1322,6 +1390,7 @@ int32_t AUDIO_ConvertEx(const AUDIO_Progress* progress, const char* source,
         setError(BLERROR_LastCode(), "'%s': %s", target, BLERROR_LastMessage());
         return 0;
     }
+    lastConversionDamage = AUDIO_DamageReport {0, 0, -1.0, 0.0, 0};
     AUDIOFILE* in = AUDIO_LoadFileEx2(source, sourceFormat, 0, 0, 0);
     if (!in)
         return 0;
@@ -1347,7 +1416,7 @@ int32_t AUDIO_ConvertEx(const AUDIO_Progress* progress, const char* source,
             return 0;
         }
         in->windowLength = in->reader->info().frames;
-        in->windowLimit = in->windowLength >= 0 ? in->windowLength : INT64_MAX;
+        in->lengthExact = in->reader->info().framesExact && in->windowLength >= 0;
     }
     // Without a resolution from the caller, a PCM or lossless source keeps its own; companded,
     // ADPCM and lossy sources decode to 16-bit quality.
@@ -1428,6 +1497,7 @@ int32_t AUDIO_ConvertEx(const AUDIO_Progress* progress, const char* source,
         out->failure = error;
     }
     const _audio_format written = out->writer->format();
+    AUDIO_GetDamageReport(in, &lastConversionDamage);
     AUDIO_CloseFile(in);
     if (!AUDIO_CloseFile(out))
         return 0;
@@ -1456,6 +1526,86 @@ int32_t AUDIO_GetLastClipReport(int64_t* clippedSamples, double* peak)
     if (peak)
         *peak = gLastClips.peak;
     return gLastClips.valid ? 1 : 0;
+}
+
+int32_t AUDIO_LengthIsExact(AUDIOFILE* file)
+{
+    if (!file)
+        return 0;
+    return file->writer || (file->lengthExact && file->windowLength >= 0) ? 1 : 0;
+}
+
+int64_t AUDIO_CountFrames(AUDIOFILE* file)
+{
+    if (!file || !file->reader) {
+        setError(BLERR_INVALID_ARGUMENT, "no audio file open for reading");
+        return -1;
+    }
+    if (AUDIO_LengthIsExact(file))
+        return file->windowLength;
+    const int64_t here = file->position;
+    if (here > 0 && !file->reader->info().seekable) {
+        setError(BLERR_NOT_SEEKABLE, "'%s': cannot count the frames of a stream already read",
+            file->path.c_str());
+        return -1;
+    }
+    const int32_t channels = file->reader->info().format.numChannels;
+    std::vector<float> scratch(static_cast<size_t>(blockFrames(channels) * channels));
+    for (int pass = 0; pass < 2 && !file->ended; ++pass) {
+        // A position sought past the real end reads nothing: count again from the start.
+        if (pass == 1 && !AUDIO_Seek(file, 0))
+            return -1;
+        int64_t n;
+        while (!file->ended
+            && (n = AUDIO_ReadIEEEFloat(file, scratch.data(), blockFrames(channels))) != 0)
+            if (n < 0)
+                return -1;
+    }
+    const int64_t total = file->windowLength;
+    if (!file->ended)
+        return -1;
+    if (here > total && file->reader->info().seekable)
+        return AUDIO_Seek(file, total) ? total : -1;
+    if (file->position != here) {
+        if (!file->reader->info().seekable) {
+            // Nothing was read before: the count stands, the frames are gone.
+            setError(BLERR_NOT_SEEKABLE, "'%s': counted to the end; the stream cannot go back",
+                file->path.c_str());
+            return -1;
+        }
+        if (!AUDIO_Seek(file, here))
+            return -1;
+    }
+    return total;
+}
+
+int32_t AUDIO_LastConversionDamage(AUDIO_DamageReport* report)
+{
+    if (!report) {
+        setError(BLERR_INVALID_ARGUMENT, "no report record");
+        return 0;
+    }
+    *report = lastConversionDamage;
+    return 1;
+}
+
+int32_t AUDIO_GetDamageReport(AUDIOFILE* file, AUDIO_DamageReport* report)
+{
+    if (!file || !report || !file->reader) {
+        setError(BLERR_INVALID_ARGUMENT, "no audio file open for reading, or no report record");
+        return 0;
+    }
+    *report = AUDIO_DamageReport {};
+    report->firstSeconds = -1.0;
+    if (const DamageInfo* damage = file->reader->damage()) {
+        report->stretches = damage->stretches;
+        report->truncated = damage->truncated ? 1 : 0;
+        report->firstSeconds = damage->firstSeconds;
+        report->secondsLost = damage->secondsLost;
+        report->framesLost = static_cast<int64_t>(
+            std::llround(damage->secondsLost * file->reader->info().format.sampleRate));
+    }
+    return 1;
 }
 
 } // extern "C"

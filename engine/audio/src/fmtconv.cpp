@@ -89,6 +89,7 @@ namespace {
         }
 
         const StreamInfo& info() const override { return m_info; }
+        const DamageInfo* damage() const override { return m_source->damage(); }
 
         int64_t read(float* dst, int64_t frames) override
         {

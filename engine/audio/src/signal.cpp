@@ -388,6 +388,7 @@ struct _AUDIOSIGNAL
     bool isFloat = false;
     Store<int16_t> s16;
     Store<float> f32;
+    AUDIO_DamageReport damage {0, 0, -1.0, 0.0, 0}; // of the file it was read from
 
     int64_t total() const { return isFloat ? f32.total() : s16.total(); }
     int channels() const { return format.numChannels; }
@@ -614,6 +615,8 @@ _AUDIOSIGNAL* AUDIOSIGNAL_OpenEx(const char* path, const char* format, uint32_t 
         });
         if (ok && progress && progress->report)
             progress->report(progress->user, 1.0);
+        if (ok)
+            AUDIO_GetDamageReport(file, &signal->damage);
         if (!ok) {
             AUDIOSIGNAL_Destroy(signal);
             signal = nullptr;
@@ -710,6 +713,17 @@ int64_t AUDIOSIGNAL_NumSamples(_AUDIOSIGNAL* signal)
         return 0;
     ReadLock guard(signal->lock);
     return signal->total();
+}
+
+int32_t AUDIOSIGNAL_GetDamageReport(_AUDIOSIGNAL* signal, AUDIO_DamageReport* report)
+{
+    if (!signal || !report) {
+        BLERROR_Set(BLERR_INVALID_ARGUMENT, "no signal or no report record");
+        return 0;
+    }
+    ReadLock guard(signal->lock);
+    *report = signal->damage;
+    return 1;
 }
 
 double AUDIOSIGNAL_Length(_AUDIOSIGNAL* signal)

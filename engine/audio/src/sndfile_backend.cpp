@@ -575,6 +575,8 @@ bool SndfileReader::open(const FormatRequest& request)
     f.coder = coding.coder;
     f.mimeType = containerMimeType(f.container);
     info_.frames = sfi.frames < 0 || sfi.frames == SF_COUNT_MAX ? -1 : sfi.frames;
+    // libsndfile guesses an MP3's length from its first frames.
+    info_.framesExact = info_.framesFinal = major != SF_FORMAT_MPEG;
     info_.seekable = sfi.seekable && BLIO_IsSeekable(ch_.io);
     if (coding.plainPcm) {
         info_.bitRate = int64_t(sfi.samplerate) * sfi.channels * coding.bits;

@@ -446,6 +446,44 @@ SOVAAUDIO_EXPORT const char* AUDIO_ChannelLayoutName(uint32_t mask, int32_t chan
 SOVAAUDIO_EXPORT int32_t AUDIO_ChannelMixMatrix(
     uint32_t inMask, int32_t inChannels, uint32_t outMask, int32_t outChannels, float* matrix);
 
+/* ---- True lengths and damaged input ------------------------------------------------------
+ * Reading always goes on to the real end of the stream, whatever a header says. Bare MP3,
+ * ADTS AAC and AC-3 streams state no length: AUDIO_Length gives FFmpeg's guess (from a Xing
+ * header or the bit rate) until the end has been read, and the exact count from then on.
+ * Damaged input is decoded past (the decoders resynchronise, as ffmpeg does) and a file cut
+ * short gives back everything before the cut; what was skipped is counted per handle. */
+
+/* Non-zero when AUDIO_Length is a count: the container states it (PCM sizes, FLAC, Ogg, MP4,
+ * ...) or the end has been read; 0 when it is a guess, or for null. Files being written: 1. */
+SOVAAUDIO_EXPORT int32_t AUDIO_LengthIsExact(AUDIOFILE* file);
+
+/* Counts the frames by decoding to the end when the length is a guess, then goes back to the
+ * read position; afterwards AUDIO_Length is exact. Returns the count, -1 on failure (a source
+ * that cannot seek can only be counted before its first read, and its frames are then gone). */
+SOVAAUDIO_EXPORT int64_t AUDIO_CountFrames(AUDIOFILE* file);
+
+/* Damage met while reading so far (read to the end, or count, for the whole file). */
+typedef struct _audio_damage_report
+{
+    int32_t stretches; /* damaged stretches decoded past; 0 for a clean read */
+    int32_t truncated; /* non-zero when the file ends early (cut off, or unreadable from there) */
+    double firstSeconds; /* where the first stretch starts in the output, -1.0 when none */
+    double secondsLost; /* audio missing from the output, as far as timestamps tell */
+    int64_t framesLost; /* the same in frames of the handle's rate */
+} AUDIO_DamageReport;
+
+/* Fills *report for a file opened for reading; non-zero on success. */
+SOVAAUDIO_EXPORT int32_t AUDIO_GetDamageReport(AUDIOFILE* file, AUDIO_DamageReport* report);
+
+/* Fills *report with the damage met in the source by the calling thread's last
+ * AUDIO_ConvertEx (zeros, firstSeconds -1.0, before any); non-zero on success. */
+SOVAAUDIO_EXPORT int32_t AUDIO_LastConversionDamage(AUDIO_DamageReport* report);
+
+/* The damage met when a signal was read from its file by AUDIOSIGNAL_OpenEx (all zero, with
+ * firstSeconds -1.0, for signals made otherwise); non-zero on success. */
+SOVAAUDIO_EXPORT int32_t AUDIOSIGNAL_GetDamageReport(
+    struct _AUDIOSIGNAL* signal, AUDIO_DamageReport* report);
+
 #ifdef __cplusplus
 }
 #endif
