@@ -78,12 +78,12 @@ PY
 
 printf '%-26s %-5s %10s %10s  %-28s %-28s %s\n' case exit sova ffmpeg "sova RMS dB" "ffmpeg RMS dB" \
     "sova's warning"
-row() { # label, source, sova options, ffmpeg options
-    local label=$1 src=$2 sovaopts=$3 ffopts=$4 status=0
+row() { # label, source, sova options, ffmpeg options[, ffmpeg's output codec]
+    local label=$1 src=$2 sovaopts=$3 ffopts=$4 ffcodec=${5:-pcm_f32le} status=0
     "$sova" convert -q $sovaopts "$src" sova.wav 2> err.txt || status=$?
     local ours theirs
     if [ "$status" = 0 ]; then ours=$(levels sova.wav); else ours="- -"; fi
-    ff -i "$src" $ffopts -c:a pcm_f32le ffmpeg.wav 2>/dev/null || true
+    ff -i "$src" $ffopts -c:a "$ffcodec" ffmpeg.wav 2>/dev/null || true
     theirs=$(levels ffmpeg.wav)
     rm -f sova.wav ffmpeg.wav
     set -- $ours $theirs
@@ -99,5 +99,6 @@ for ext in flac mp3 ogg opus m4a; do
     row "one byte damaged, $ext" "damaged.$ext" "" ""
     row "truncated, $ext" "truncated.$ext" "" ""
 done
-row "5.1 centre -> stereo" centre51.wav "--channels 2" "-ac 2"
-row "5.1 centre -> mono" centre51.wav "--channels 1" "-ac 1"
+# ffmpeg normalises its down-mix matrix only when it writes integers.
+row "5.1 centre -> stereo" centre51.wav "--channels 2" "-ac 2" pcm_s16le
+row "5.1 centre -> mono" centre51.wav "--channels 1" "-ac 1" pcm_s16le
