@@ -43,7 +43,8 @@ QMap<QString, QString> probe(const QString& path)
     const Run r = run(QStringLiteral("ffprobe"),
         {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-select_streams"),
             QStringLiteral("a:0"), QStringLiteral("-show_entries"),
-            QStringLiteral("stream=codec_name,sample_fmt,bits_per_raw_sample,duration_ts:"
+            QStringLiteral("stream=codec_name,sample_fmt,bits_per_raw_sample,duration_ts,"
+                           "channel_layout:"
                            "format=format_name"),
             QStringLiteral("-of"), QStringLiteral("default=nw=1"), path});
     QMap<QString, QString> values;
@@ -78,6 +79,30 @@ std::vector<float> sine(int rate, int channels, int frames, double amp)
             s[size_t(i) * size_t(channels) + size_t(c)]
                 = float(amp / (c + 1) * std::sin(2.0 * M_PI * 441.0 * i / rate));
     return s;
+}
+
+// Samples that the target stores exactly (bits 0: float, any value), distinct from one block
+// of 48000 frames to the next: a sine under a ramp, channel c at amp / (c + 1).
+std::vector<float> onGrid(int channels, qint64 frames, int bits, double amp)
+{
+    std::vector<float> s(size_t(frames) * size_t(channels));
+    const double scale = bits ? std::ldexp(1.0, bits - 1) : 0.0;
+    for (qint64 i = 0; i < frames; ++i)
+        for (int c = 0; c < channels; ++c) {
+            const double x = amp / (c + 1) * double(i % 100003) / 100003.0
+                * std::sin(2.0 * M_PI * 441.0 * double(i) / 48000.0);
+            s[size_t(i) * size_t(channels) + size_t(c)]
+                = float(bits ? std::round(x * scale) / scale : x);
+        }
+    return s;
+}
+
+// Temporary files the writer left beside a target.
+QStringList temporariesOf(const QString& target)
+{
+    const QFileInfo info(target);
+    return info.dir().entryList({QLatin1Char('.') + info.fileName() + QLatin1String(".sova-*")},
+        QDir::Files | QDir::Hidden);
 }
 
 QByteArray head(const QString& path, int bytes)
@@ -364,26 +389,59 @@ void TestAudioWriteFormat::sizeLimits_data()
     QTest::addColumn<QString>("name");
     QTest::addColumn<qint64>("hint"); // expected frames given to the writer
     QTest::addColumn<qint64>("frames"); // frames then written
-    QTest::addColumn<QString>("outcome"); // "rf64", "wav", "refused", "fails", "written"
+    QTest::addColumn<QString>("outcome"); // "rf64", "wav", "refused", "fails", "written",
+                                          // "interrupted" (temporaries removed as by a signal)
+    QTest::addColumn<QString>("format");
+    QTest::addColumn<int>("channels");
+    QTest::addColumn<int>("bits"); // of the samples given, all on the target's grid; 0 float
     // Stereo 16-bit: 4 bytes a frame, so 300000 frames pass the test limit.
-    QTest::newRow("wav known to pass becomes rf64") << "a.wav" << qint64(300000)
-                                                    << qint64(300000) << "rf64";
+    QTest::newRow("wav known to pass becomes rf64")
+        << "a.wav" << qint64(300000) << qint64(300000) << "rf64"
+        << "" << 2 << 16;
     QTest::newRow("wav of 5 GiB announced becomes rf64")
-        << "b.wav" << qint64(1400000000) << qint64(4800) << "rf64";
-    QTest::newRow("wav within the limit stays wav") << "c.wav" << qint64(200000)
-                                                    << qint64(200000) << "wav";
-    QTest::newRow("aiff known to pass is refused") << "d.aiff" << qint64(300000) << qint64(0)
-                                                   << "refused";
-    QTest::newRow("au known to pass is refused") << "e.au" << qint64(300000) << qint64(0)
-                                                 << "refused";
-    QTest::newRow("voc known to pass is refused") << "f.voc" << qint64(300000) << qint64(0)
-                                                  << "refused";
+        << "b.wav" << qint64(1400000000) << qint64(4800) << "rf64"
+        << "" << 2 << 16;
+    QTest::newRow("wav within the limit stays wav")
+        << "c.wav" << qint64(200000) << qint64(200000) << "wav"
+        << "" << 2 << 16;
+    QTest::newRow("aiff known to pass is refused")
+        << "d.aiff" << qint64(300000) << qint64(0) << "refused"
+        << "" << 2 << 16;
+    QTest::newRow("au known to pass is refused")
+        << "e.au" << qint64(300000) << qint64(0) << "refused"
+        << "" << 2 << 16;
+    QTest::newRow("voc known to pass is refused")
+        << "f.voc" << qint64(300000) << qint64(0) << "refused"
+        << "" << 2 << 16;
     QTest::newRow("aiff without a hint fails at the limit")
-        << "g.aiff" << qint64(0) << qint64(300000) << "fails";
-    QTest::newRow("wav without a hint fails at the limit")
-        << "h.wav" << qint64(0) << qint64(300000) << "fails";
-    QTest::newRow("w64 has no such limit") << "i.w64" << qint64(300000) << qint64(300000)
-                                           << "written";
+        << "g.aiff" << qint64(0) << qint64(300000) << "fails"
+        << "" << 2 << 16;
+    QTest::newRow("w64 has no such limit")
+        << "i.w64" << qint64(300000) << qint64(300000) << "written"
+        << "" << 2 << 16;
+    // Without a length given, the WAV turns into RF64 when the write that would pass the limit
+    // comes: every sample before and after the switch is there.
+    QTest::newRow("16-bit wav without a hint becomes rf64")
+        << "h.wav" << qint64(0) << qint64(300000) << "rf64"
+        << "" << 2 << 16;
+    QTest::newRow("wav with too short a hint becomes rf64")
+        << "j.wav" << qint64(1000) << qint64(300000) << "rf64"
+        << "" << 2 << 16;
+    QTest::newRow("24-bit wav without a hint becomes rf64")
+        << "k.wav" << qint64(0) << qint64(300000) << "rf64"
+        << "wav[nbits=24]" << 2 << 24;
+    QTest::newRow("float wav without a hint becomes rf64")
+        << "l.wav" << qint64(0) << qint64(300000) << "rf64"
+        << "wav[codec=float]" << 2 << 0;
+    QTest::newRow("double wav without a hint becomes rf64")
+        << "m.wav" << qint64(0) << qint64(300000) << "rf64"
+        << "wav[codec=float,nbits=64]" << 1 << 0;
+    QTest::newRow("8-bit 6-channel wav without a hint becomes rf64")
+        << "n.wav" << qint64(0) << qint64(300000) << "rf64"
+        << "wav[nbits=8,chmask=1551]" << 6 << 8;
+    QTest::newRow("temporary of a switched wav removed by a signal")
+        << "o.wav" << qint64(0) << qint64(300000) << "interrupted"
+        << "" << 2 << 16;
 }
 
 // Containers with 32-bit sizes never get sizes that wrap: WAV turns into RF64, the others
@@ -394,9 +452,13 @@ void TestAudioWriteFormat::sizeLimits()
     QFETCH(qint64, hint);
     QFETCH(qint64, frames);
     QFETCH(QString, outcome);
+    QFETCH(QString, format);
+    QFETCH(int, channels);
+    QFETCH(int, bits);
     const QString target = path(name);
-    const _audio_format fmt = AUDIO_FormatEx(48000, 2, 16);
-    AUDIOFILE* w = AUDIO_CreateFileEx2(target.toUtf8(), "", &fmt, -1, -1, 0, nullptr, hint);
+    const _audio_format fmt = AUDIO_FormatEx(48000, int16_t(channels), 16);
+    AUDIOFILE* w
+        = AUDIO_CreateFileEx2(target.toUtf8(), format.toUtf8(), &fmt, -1, -1, 0, nullptr, hint);
     if (outcome == QLatin1String("refused")) {
         QVERIFY(!w);
         const QString message = QString::fromUtf8(BLERROR_LastMessage());
@@ -407,18 +469,28 @@ void TestAudioWriteFormat::sizeLimits()
         return;
     }
     QVERIFY2(w, BLERROR_LastMessage());
-    const std::vector<float> block = sine(48000, 2, 48000, 0.5);
+    const std::vector<float> samples = onGrid(channels, frames, bits, bits ? 0.9 : 1.5);
     qint64 done = 0;
     bool failed = false;
     while (done < frames) {
         const int64_t n = std::min<qint64>(48000, frames - done);
-        if (AUDIO_WriteIEEEFloat(w, block.data(), n) != n) {
+        if (AUDIO_WriteIEEEFloat(w, samples.data() + done * channels, n) != n) {
             failed = true;
             break;
         }
         done += n;
     }
     const QString message = QString::fromUtf8(BLERROR_LastMessage());
+    if (!failed && frames > 0)
+        QCOMPARE(temporariesOf(target).size(), 1);
+    if (outcome == QLatin1String("interrupted")) {
+        QVERIFY2(!failed, qPrintable(message));
+        QCOMPARE(AUDIO_RemoveTemporaryFiles(), 1);
+        QVERIFY(temporariesOf(target).isEmpty());
+        AUDIO_AbandonFile(w);
+        QVERIFY(!QFileInfo::exists(target));
+        return;
+    }
     const bool closed = AUDIO_CloseFile(w) == 1;
     if (outcome == QLatin1String("fails")) {
         QVERIFY(failed);
@@ -434,10 +506,31 @@ void TestAudioWriteFormat::sizeLimits()
         QCOMPARE(magic, QByteArray("RF64"));
     else if (outcome == QLatin1String("wav"))
         QCOMPARE(magic, QByteArray("RIFF"));
-    QCOMPARE(probe(target).value(QStringLiteral("duration_ts")).toLongLong(), frames);
+    QVERIFY(temporariesOf(target).isEmpty());
+    const QMap<QString, QString> p = probe(target);
+    QCOMPARE(p.value(QStringLiteral("format_name")), QFileInfo(name).suffix());
+    QCOMPARE(p.value(QStringLiteral("duration_ts")).toLongLong(), frames);
     if (!name.endsWith(QLatin1String(".w64"))) {
         const Run soxi = run(QStringLiteral("soxi"), {QStringLiteral("-s"), target});
         QCOMPARE(soxi.out.trimmed().toLongLong(), frames);
+    }
+    if (outcome == QLatin1String("rf64")) {
+        // A layout beyond stereo is the one a short file of the same format gets.
+        if (channels > 2) {
+            const QString small = path(QLatin1String("small-") + name);
+            AUDIOFILE* s
+                = AUDIO_CreateFileEx2(small.toUtf8(), format.toUtf8(), &fmt, -1, -1, 0, nullptr, 0);
+            QVERIFY(s && AUDIO_WriteIEEEFloat(s, samples.data(), 100) == 100);
+            QVERIFY(AUDIO_CloseFile(s));
+            QCOMPARE(p.value(QStringLiteral("channel_layout")),
+                probe(small).value(QStringLiteral("channel_layout")));
+        }
+        const std::vector<float> decoded = decode(target);
+        QCOMPARE(decoded.size(), samples.size());
+        const auto diff = std::mismatch(decoded.begin(), decoded.end(), samples.begin());
+        QVERIFY2(diff.first == decoded.end(),
+            qPrintable(
+                QStringLiteral("sample %1 differs").arg(qint64(diff.first - decoded.begin()))));
     }
 }
 

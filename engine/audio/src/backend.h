@@ -87,6 +87,9 @@ public:
     // Signed 16-bit integers; the default converts to float. Backends with an integer path
     // override it (the file layer uses it after dithering for targets of 16 bits or fewer).
     virtual int64_t write16(const int16_t* src, int64_t frames);
+    // Bytes already in the stored form (whole frames), -1 (recorded) where the backend cannot
+    // take them: the default.
+    virtual int64_t writeRaw(const void* bytes, int64_t count);
     // Flushes encoders and finishes headers; false (recorded) on failure. Called once.
     virtual bool finish() = 0;
     // The format being written.

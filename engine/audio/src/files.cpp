@@ -267,6 +267,10 @@ struct _AUDIOFILE
     // Size: bytes of audio the container's 32-bit fields allow (0: no such limit).
     uint64_t byteLimit = 0;
     double bytesPerFrame = 0.0;
+    // A WAV of unknown length that becomes RF64 at the limit instead, and how it was opened.
+    bool growsToRf64 = false;
+    FormatRequest request;
+    _audio_format requested {};
 };
 
 namespace sova::audio {
@@ -375,6 +379,12 @@ int64_t Writer::write16(const int16_t* src, int64_t frames)
             break;
     }
     return done;
+}
+
+int64_t Writer::writeRaw(const void*, int64_t)
+{
+    setError(AUDIOERR_UNSUPPORTED, "this writer takes no stored bytes");
+    return -1;
 }
 
 } // namespace sova::audio
@@ -743,8 +753,125 @@ void refuseSize(const std::string& path, uint32_t container, double bytes)
         gib ? "GiB" : "bytes", gib ? bytes / 1073741824.0 : bytes, gib ? "GiB" : "bytes");
 }
 
+void removeQuietly(const std::string& path);
+
+uint32_t littleEndian32(const unsigned char* p)
+{
+    return p[0] | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
+}
+
+// Copies the data chunk of a finished WAV (PCM or float, frameBytes a frame) to writer: integer
+// PCM as stored bytes, floats through the float path so that the writer's PEAK chunk covers
+// them (every stored float came from a float, so nothing is rounded). False (recorded) unless
+// exactly `frames` frames were there.
+bool copyWavData(_HFile* wav, Writer* writer, int32_t frameBytes, int64_t frames)
+{
+    const _audio_format& fmt = writer->format();
+    const uint32_t coder = fmt.coder & AUDIO_CODEC_MASK;
+    unsigned char header[12];
+    int64_t size = -1;
+    if (BLIO_ReadData(wav, header, 12) == 12 && !std::memcmp(header, "RIFF", 4)
+        && !std::memcmp(header + 8, "WAVE", 4)) {
+        while (BLIO_ReadData(wav, header, 8) == 8) {
+            const uint32_t length = littleEndian32(header + 4);
+            if (!std::memcmp(header, "data", 4)) {
+                size = length;
+                break;
+            }
+            if (!BLIO_Seek(wav, int64_t(length) + (length & 1), BLIO_SEEK_CUR))
+                break;
+        }
+    }
+    if (size != frames * frameBytes) {
+        setError(AUDIOERR_ENCODE, "the audio written so far could not be read back");
+        return false;
+    }
+    const int64_t blockFrames = std::max<int64_t>(1, (1 << 20) / frameBytes);
+    std::vector<unsigned char> bytes(static_cast<size_t>(blockFrames * frameBytes));
+    std::vector<float> samples;
+    const int32_t channels = std::max<int32_t>(1, fmt.numChannels);
+    for (int64_t done = 0; done < frames;) {
+        const int64_t n = std::min(blockFrames, frames - done);
+        if (BLIO_ReadData(wav, bytes.data(), n * frameBytes) != n * frameBytes) {
+            setError(AUDIOERR_ENCODE, "the audio written so far could not be read back");
+            return false;
+        }
+        int64_t w;
+        if (coder == AUDIO_CODEC_FLOAT32 || coder == AUDIO_CODEC_FLOAT64) {
+            const int64_t count = n * channels;
+            samples.resize(static_cast<size_t>(count));
+            for (int64_t i = 0; i < count; ++i) {
+                if (coder == AUDIO_CODEC_FLOAT32) {
+                    const uint32_t word = littleEndian32(&bytes[size_t(i) * 4]);
+                    std::memcpy(&samples[size_t(i)], &word, 4);
+                } else {
+                    const uint64_t word = littleEndian32(&bytes[size_t(i) * 8])
+                        | uint64_t(littleEndian32(&bytes[size_t(i) * 8 + 4])) << 32;
+                    double value;
+                    std::memcpy(&value, &word, 8);
+                    samples[size_t(i)] = static_cast<float>(value);
+                }
+            }
+            w = writer->write(samples.data(), n) == n ? n : -1;
+        } else {
+            w = writer->writeRaw(bytes.data(), n * frameBytes) == n * frameBytes ? n : -1;
+        }
+        if (w < 0)
+            return false;
+        done += n;
+    }
+    return true;
+}
+
+// Turns a WAV of unknown length that reached the limit of its 32-bit sizes into RF64: the
+// audio so far is finished as a WAV, copied into an RF64 writer on a new temporary beside the
+// target, and writing goes on there. One copy, once, and only for files that large.
+bool switchToRf64(AUDIOFILE* file)
+{
+    FormatRequest request = file->request;
+    _audio_format fmt = file->requested;
+    request.container = AUDIO_CONTAINER_RF64;
+    request.name = "rf64";
+    fmt.container = AUDIO_CONTAINER_RF64;
+    fmt.mimeType = containerMimeType(AUDIO_CONTAINER_RF64);
+    const _audio_format& was = file->writer->format();
+    const int32_t frameBytes = was.bitsPerSample / 8 * std::max<int32_t>(1, was.numChannels);
+    const std::string next = makeTempBeside(file->target);
+    if (next.empty())
+        return false;
+    _HFile* io = BLIO_Open(next.c_str(), "w");
+    std::unique_ptr<Writer> writer = io ? openSndfileWriter(io, file->path, request, fmt) : nullptr;
+    // After finish() the old writer is done with either way: a failure below fails the file,
+    // and closing it then finishes nothing more.
+    bool ok = writer && file->writer->finish() && BLIO_Flush(file->io);
+    _HFile* wav = ok ? BLIO_Open(file->tempPath.c_str(), "r") : nullptr;
+    ok = ok && wav && copyWavData(wav, writer.get(), frameBytes, file->written);
+    if (wav)
+        BLIO_CloseFile(wav);
+    if (!ok) {
+        SavedError error;
+        error.save();
+        writer.reset();
+        if (io)
+            BLIO_CloseFile(io);
+        BLIO_RemoveFile(next.c_str());
+        releaseTemporary(next);
+        error.restore();
+        return false;
+    }
+    file->writer.reset();
+    BLIO_CloseFile(file->io);
+    removeQuietly(file->tempPath);
+    releaseTemporary(file->tempPath);
+    file->io = io;
+    file->writer = std::move(writer);
+    file->tempPath = next;
+    file->byteLimit = 0;
+    return true;
+}
+
 // False (recorded, and the file marked failed) when frames more would pass the container's
-// size limit.
+// size limit, unless the file could become RF64.
 bool withinSizeLimit(AUDIOFILE* file, int64_t frames)
 {
     if (file->byteLimit == 0)
@@ -752,6 +879,13 @@ bool withinSizeLimit(AUDIOFILE* file, int64_t frames)
     const double bytes = static_cast<double>(file->written + frames) * file->bytesPerFrame;
     if (bytes <= static_cast<double>(file->byteLimit))
         return true;
+    if (file->growsToRf64) {
+        if (switchToRf64(file))
+            return true;
+        file->failed = true;
+        file->failure.save();
+        return false;
+    }
     refuseSize(file->target, file->writer->format().container, bytes);
     file->failed = true;
     file->failure.save();
@@ -1124,6 +1258,14 @@ AUDIOFILE* AUDIO_CreateFileEx2(const char* pathText, const char* format, const _
     if (has32BitSizes(written.container) && BLIO_IsSeekable(file->io)) {
         file->byteLimit = sizeLimit();
         file->bytesPerFrame = storedBytesPerFrame(written);
+        // Written beside its target, a WAV of PCM or floats can still become RF64 when it
+        // gets there.
+        file->growsToRf64 = written.container == AUDIO_CONTAINER_WAV && bySndfile
+            && !file->tempPath.empty() && !file->sink
+            && (isPcmInteger(written.coder) || isFloatCoder(written.coder))
+            && written.bitsPerSample % 8 == 0;
+        file->request = request;
+        file->requested = out;
     }
     return file;
 }

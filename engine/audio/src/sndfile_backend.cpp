@@ -801,6 +801,7 @@ public:
     bool open(const FormatRequest& request, const _audio_format& fmt);
     int64_t write(const float* src, int64_t frames) override;
     int64_t write16(const int16_t* src, int64_t frames) override;
+    int64_t writeRaw(const void* bytes, int64_t count) override;
     bool finish() override;
     const _audio_format& format() const override { return format_; }
 
@@ -1016,6 +1017,20 @@ int64_t SndfileWriter::writeFrames(
         return -1;
     }
     return frames;
+}
+
+int64_t SndfileWriter::writeRaw(const void* bytes, int64_t count)
+{
+    if (!sf_ || pairs_)
+        return Writer::writeRaw(bytes, count);
+    if (count <= 0)
+        return 0;
+    if (sf_write_raw(sf_, bytes, count) != count || ch_.failed) {
+        setError(AUDIOERR_ENCODE, "cannot write '%s': %s", path_.c_str(),
+            ch_.failed ? BLERROR_LastMessage() : sf_strerror(sf_));
+        return -1;
+    }
+    return count;
 }
 
 int64_t SndfileWriter::writePairs(const float* src, int64_t frames)

@@ -367,8 +367,11 @@ SOVAAUDIO_EXPORT int32_t AUDIO_RemoveTemporaryFiles(void);
  *
  * Sizes: a WAV target whose expected length (AUDIO_CreateFileEx2's expectedFrames) would pass
  * 4 GiB is written as RF64 under the same name (the format then reports AUDIO_CONTAINER_RF64).
- * Other containers with 32-bit size fields (AIFF, AU, VOC, AVR, HTK, MAT, MPC2K), and WAV
- * without a hint, are refused before writing, or fail the write that would pass the limit,
+ * A PCM or float WAV of unknown or underestimated length becomes RF64 at the write that would
+ * pass the limit: the audio so far is copied once into the RF64 file, so that write takes
+ * longer. Other containers with 32-bit size fields (AIFF, AU, VOC, AVR, HTK, MAT, MPC2K), and
+ * WAV that cannot switch (companded or ADPCM, or not written beside a plain path: schemes,
+ * pipes, devices), are refused before writing, or fail the write that would pass the limit,
  * with a message naming the limit and formats that hold more (rf64, w64, caf). Test hook: the
  * environment variable SOVA_TEST_SIZE_LIMIT (bytes), read once per process, lowers the
  * limit so that the switch can be tested without writing 4 GiB. */
