@@ -121,6 +121,22 @@ private slots:
         }
     }
 
+    void demultiplexAtAskedRate()
+    {
+        // Regression: the rate of "float[sr=11025]" was overridden by the input's, silently.
+        const QStringList outputs {
+            out(QStringLiteral("half-0.wav")), out(QStringLiteral("half-1.wav"))};
+        QVERIFY(QSova::ChannelDemultiplexer(
+            input(22050, 2, 10000), outputs, QString(), QStringLiteral("float[sr=11025]")));
+        for (const QString& output : outputs) {
+            const Decoded mono = decode(output);
+            QCOMPARE(mono.rate, 11025);
+            QCOMPARE(mono.channels, 1);
+            QVERIFY2(qAbs(mono.samples.size() - 5000) <= 1,
+                qPrintable(QString::number(mono.samples.size())));
+        }
+    }
+
     void demultiplexUnreadableInput()
     {
         // The device is printed, not the name.
@@ -138,13 +154,18 @@ private slots:
         QTest::addColumn<QStringList>("inputs");
         QTest::addColumn<int>("rate");
         QTest::addColumn<QVector<int>>("lengths"); // per channel, at the result's rate
+        QTest::addColumn<QString>("format");
         QTest::newRow("uneven lengths") << QStringList {input(8000, 1, 10000), input(8000, 1, 5000)}
-                                        << 8000 << QVector<int> {10000, 5000};
+                                        << 8000 << QVector<int> {10000, 5000} << "float";
         QTest::newRow("other rate and stereo converted")
             << QStringList {input(8000, 1, 5000), input(16000, 1, 20000), input(8000, 2, 3000)}
-            << 8000 << QVector<int> {5000, 10000, 3000};
+            << 8000 << QVector<int> {5000, 10000, 3000} << "float";
         QTest::newRow("stereo first")
-            << QStringList {input(11025, 2, 3000)} << 11025 << QVector<int> {3000};
+            << QStringList {input(11025, 2, 3000)} << 11025 << QVector<int> {3000} << "float";
+        // Regression: the format's rate was overridden by the first input's, silently.
+        QTest::newRow("rate asked by the format")
+            << QStringList {input(8000, 1, 5000), input(16000, 1, 20000)} << 16000
+            << QVector<int> {10000, 20000} << "float[sr=16000]";
     }
 
     void multiplex()
@@ -152,8 +173,9 @@ private slots:
         QFETCH(QStringList, inputs);
         QFETCH(int, rate);
         QFETCH(QVector<int>, lengths);
+        QFETCH(QString, format);
         const QString output = out(QString::fromLatin1(QTest::currentDataTag()) + ".wav");
-        QVERIFY(QSova::ChannelMultiplexer(inputs, output, QString(), QStringLiteral("float")));
+        QVERIFY(QSova::ChannelMultiplexer(inputs, output, QString(), format));
         const Decoded result = decode(output);
         const int channels = lengths.size();
         const int frames = *std::max_element(lengths.begin(), lengths.end());

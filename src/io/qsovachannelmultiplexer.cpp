@@ -3,6 +3,7 @@
 #include "qsova.h"
 #include "qsovaaudiofile.h"
 #include "qsovaaudioformat.h"
+#include "qsovaoptions.h"
 
 #include <QDebug>
 #include <QVector>
@@ -63,6 +64,17 @@ QSovaAudioFile* openMono(const QString& name, const QString& format, int* rate)
         return nullptr;
     }
     return input;
+}
+
+// The rate an output format asks for ("wav[sr=8000]"), 0 when it names none.
+int askedRate(const QString& outputFormat)
+{
+    const int open = outputFormat.indexOf(QLatin1Char('['));
+    const int close = outputFormat.lastIndexOf(QLatin1Char(']'));
+    if (open < 0 || close <= open)
+        return 0;
+    return QSova::getIntegerValueFromString(
+        outputFormat.mid(open + 1, close - open - 1), QStringLiteral("sr"), 0);
 }
 
 // outputFormat with rate and channels added to its options ("wav[nbits=24]" keeps its own).
@@ -130,6 +142,19 @@ bool ChannelDemultiplexer(const QString& inputFile, const QStringList& outputFil
         delete input;
         return false;
     }
+    // A rate the output format asks for is a conversion of the input, done here: the options
+    // added for the writer below would otherwise override it with the input's own.
+    const int rate = askedRate(outputFormat);
+    if (rate > 0 && rate != input->sampleRate()) {
+        delete input;
+        input = new QSovaAudioFile(QStringLiteral("%1:FMTCONV[sr=%2]").arg(inputFile).arg(rate),
+            inputFormat, QSovaAudioFile::IEEEFloat);
+        if (!input->open(QIODevice::ReadOnly)) {
+            qDebug() << "QSova::AudioFileDemultiplexer: Error opening file '" << input << "'!";
+            delete input;
+            return false;
+        }
+    }
     const int channels = input->numChannels();
     const QString format = withRateAndChannels(outputFormat, input->sampleRate(), 1);
     const QSovaAudioFormat kept = widestOf({input}, input->sampleRate(), 1);
@@ -188,7 +213,8 @@ bool ChannelMultiplexer(const QStringList& inputFiles, const QString& outputFile
         return false;
     const int channels = inputFiles.size();
     QVector<QSovaAudioFile*> inputs;
-    int rate = 0;
+    // The rate the output format asks for, else the first input's; every input is converted.
+    int rate = askedRate(outputFormat);
     for (const QString& name : inputFiles) {
         QSovaAudioFile* input = openMono(name, inputFormat, &rate);
         if (!input) {
