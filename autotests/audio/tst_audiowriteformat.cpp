@@ -4,6 +4,8 @@
 #include <sova/audio.h>
 #include <sova/blerror.h>
 
+#include "../peertools.h"
+
 #include <QtTest>
 
 #include <algorithm>
@@ -17,25 +19,8 @@ namespace {
 // far above every other file written here.
 constexpr qint64 kSizeLimit = 1000000;
 
-struct Run
-{
-    int status = -1;
-    QByteArray out;
-    QByteArray err;
-};
-
-Run run(const QString& program, const QStringList& arguments)
-{
-    QProcess process;
-    process.start(program, arguments);
-    Run r;
-    if (!process.waitForFinished(60000))
-        return r;
-    r.status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -2;
-    r.out = process.readAllStandardOutput();
-    r.err = process.readAllStandardError();
-    return r;
-}
+using peer::Run;
+using peer::run;
 
 // ffprobe's view of the first audio stream and the container: key=value pairs.
 QMap<QString, QString> probe(const QString& path)
@@ -267,10 +252,18 @@ void TestAudioWriteFormat::refusals_data()
     QTest::addColumn<QString>("name");
     QTest::addColumn<QString>("format");
     QTest::addColumn<QString>("reason");
-    QTest::newRow("mp1 has no encoder") << "x.mp1" << "" << "Layer I";
-    QTest::newRow("mp1 by name") << "x.mpeg" << "mp1" << "Layer I";
-    QTest::newRow("flac in webm") << "x.webm" << "webm[codec=flac]" << "WebM holds Opus or Vorbis";
-    QTest::newRow("aac in webm") << "x.webm" << "webm[codec=aac]" << "WebM holds Opus or Vorbis";
+    QTest::newRow("mp1 has no encoder") << "x.mp1"
+                                        << ""
+                                        << "Layer I";
+    QTest::newRow("mp1 by name") << "x.mpeg"
+                                 << "mp1"
+                                 << "Layer I";
+    QTest::newRow("flac in webm") << "x.webm"
+                                  << "webm[codec=flac]"
+                                  << "WebM holds Opus or Vorbis";
+    QTest::newRow("aac in webm") << "x.webm"
+                                 << "webm[codec=aac]"
+                                 << "WebM holds Opus or Vorbis";
 }
 
 // Formats the engine cannot write properly are refused before anything is written.
@@ -302,20 +295,30 @@ void TestAudioWriteFormat::keptResolution_data()
     QTest::addColumn<QString>("target"); // file name (extension decides)
     QTest::addColumn<QString>("codec"); // ffprobe codec_name of the target
     QTest::addColumn<int>("bits"); // resolution kept: 0 float (values exact), else integer
-    QTest::newRow("24-bit to wav") << "pcm_s24le" << 0.9 << "a.wav" << "pcm_s24le" << 24;
-    QTest::newRow("24-bit to flac") << "pcm_s24le" << 0.9 << "a.flac" << "flac" << 24;
-    QTest::newRow("24-bit to aiff") << "pcm_s24le" << 0.9 << "a.aiff" << "pcm_s24be" << 24;
-    QTest::newRow("24-bit to w64") << "pcm_s24le" << 0.9 << "a.w64" << "pcm_s24le" << 24;
-    QTest::newRow("float to wav") << "pcm_f32le" << 0.9 << "b.wav" << "pcm_f32le" << 0;
-    QTest::newRow("hot float to wav") << "pcm_f32le" << 1.7 << "c.wav" << "pcm_f32le" << 0;
-    QTest::newRow("hot float to caf") << "pcm_f32le" << 1.7 << "c.caf" << "pcm_f32be" << 0;
-    QTest::newRow("hot float to aiff") << "pcm_f32le" << 1.7 << "c.aiff" << "pcm_f32be" << 0;
-    QTest::newRow("hot double to wav") << "pcm_f64le" << 1.7 << "d.wav" << "pcm_f64le" << 0;
-    QTest::newRow("hot float to flac") << "pcm_f32le" << 1.7 << "e.flac" << "flac" << 24;
-    QTest::newRow("hot float to 24-bit wav")
-        << "pcm_f32le" << 1.7 << "e.wav[nbits=24]" << "pcm_s24le" << 24;
-    QTest::newRow("hot float to 16-bit wav")
-        << "pcm_f32le" << 1.3 << "f.wav[nbits=16]" << "pcm_s16le" << 16;
+    QTest::newRow("24-bit to wav") << "pcm_s24le" << 0.9 << "a.wav"
+                                   << "pcm_s24le" << 24;
+    QTest::newRow("24-bit to flac") << "pcm_s24le" << 0.9 << "a.flac"
+                                    << "flac" << 24;
+    QTest::newRow("24-bit to aiff") << "pcm_s24le" << 0.9 << "a.aiff"
+                                    << "pcm_s24be" << 24;
+    QTest::newRow("24-bit to w64") << "pcm_s24le" << 0.9 << "a.w64"
+                                   << "pcm_s24le" << 24;
+    QTest::newRow("float to wav") << "pcm_f32le" << 0.9 << "b.wav"
+                                  << "pcm_f32le" << 0;
+    QTest::newRow("hot float to wav") << "pcm_f32le" << 1.7 << "c.wav"
+                                      << "pcm_f32le" << 0;
+    QTest::newRow("hot float to caf") << "pcm_f32le" << 1.7 << "c.caf"
+                                      << "pcm_f32be" << 0;
+    QTest::newRow("hot float to aiff") << "pcm_f32le" << 1.7 << "c.aiff"
+                                       << "pcm_f32be" << 0;
+    QTest::newRow("hot double to wav") << "pcm_f64le" << 1.7 << "d.wav"
+                                       << "pcm_f64le" << 0;
+    QTest::newRow("hot float to flac") << "pcm_f32le" << 1.7 << "e.flac"
+                                       << "flac" << 24;
+    QTest::newRow("hot float to 24-bit wav") << "pcm_f32le" << 1.7 << "e.wav[nbits=24]"
+                                             << "pcm_s24le" << 24;
+    QTest::newRow("hot float to 16-bit wav") << "pcm_f32le" << 1.3 << "f.wav[nbits=16]"
+                                             << "pcm_s16le" << 16;
 }
 
 // A conversion keeps the source's resolution and kind; what an integer target clips is counted,

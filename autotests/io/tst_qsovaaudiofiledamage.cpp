@@ -1,6 +1,8 @@
+#include "../peertools.h"
 #include <QSova>
 #include <QSovaAudioFile>
 #include <QSovaAudioSignal>
+
 #include <QtTest>
 
 // The Qt faces of true lengths and damage: QSovaAudioFile reads past a guessed length and says
@@ -19,16 +21,6 @@ private:
         p.start(program, arguments);
         return p.waitForFinished(60000) && p.exitStatus() == QProcess::NormalExit
             && p.exitCode() == 0;
-    }
-    // Frames the ffmpeg command line decodes from a stereo file.
-    static qint64 ffmpegFrames(const QString& file)
-    {
-        QProcess p;
-        p.start(QStringLiteral("ffmpeg"),
-            {QStringLiteral("-v"), QStringLiteral("quiet"), QStringLiteral("-i"), file,
-                QStringLiteral("-f"), QStringLiteral("f32le"), QStringLiteral("-")});
-        p.waitForFinished(60000);
-        return p.readAllStandardOutput().size() / 8;
     }
 
 private slots:
@@ -77,7 +69,7 @@ private slots:
         QVERIFY(!in.atEnd());
         const QByteArray all = in.readAll();
         const qint64 frames = all.size() / in.frameSize();
-        QCOMPARE(frames, ffmpegFrames(file));
+        QCOMPARE(frames, peer::ffmpegFrames(file));
         QVERIFY(frames > guess);
         QVERIFY(in.atEnd());
         QVERIFY(in.isLengthExact());
@@ -93,7 +85,7 @@ private slots:
         QSovaAudioFile in(file, QString(), QSovaAudioFile::Int16);
         QVERIFY(in.open(QIODevice::ReadOnly));
         const QByteArray head = in.read(400);
-        QCOMPARE(in.countSamples(), ffmpegFrames(file));
+        QCOMPARE(in.countSamples(), peer::ffmpegFrames(file));
         QVERIFY(in.isLengthExact());
         QSovaAudioFile again(file, QString(), QSovaAudioFile::Int16);
         QVERIFY(again.open(QIODevice::ReadOnly));
@@ -109,7 +101,7 @@ private slots:
         QSovaAudioFile in(file, QString(), QSovaAudioFile::IEEEFloat);
         QVERIFY(in.open(QIODevice::ReadOnly));
         const qint64 frames = in.readAll().size() / in.frameSize();
-        QCOMPARE(frames, ffmpegFrames(file));
+        QCOMPARE(frames, peer::ffmpegFrames(file));
         QCOMPARE(in.damageReport().truncated, 1);
         const QSovaAudioSignal signal(file);
         QVERIFY(signal.isValid());

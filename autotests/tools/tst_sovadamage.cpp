@@ -1,3 +1,5 @@
+#include "../peertools.h"
+
 #include <QtTest>
 
 // Damaged inputs and guessed lengths through the sova tool: one warning naming the file, where
@@ -31,16 +33,6 @@ private:
     static Result sova(const QStringList& arguments)
     {
         return run(QStringLiteral(SOVA_BINARY), arguments);
-    }
-    // Frames the ffmpeg command line decodes from a stereo file.
-    static qint64 ffmpegFrames(const QString& file)
-    {
-        QProcess p;
-        p.start(QStringLiteral("ffmpeg"),
-            {QStringLiteral("-v"), QStringLiteral("quiet"), QStringLiteral("-i"), file,
-                QStringLiteral("-f"), QStringLiteral("f32le"), QStringLiteral("-")});
-        p.waitForFinished(60000);
-        return p.readAllStandardOutput().size() / 8;
     }
     static QByteArray contents(const QString& file)
     {
@@ -95,9 +87,11 @@ private slots:
             QStringLiteral("--labels"), QStringLiteral("OUT")}
                              << true;
         QTest::newRow("split") << QStringList {QStringLiteral("split"), QStringLiteral("IN"),
-            QStringLiteral("OUT")} << true;
+            QStringLiteral("OUT")}
+                               << true;
         QTest::newRow("join") << QStringList {QStringLiteral("join"), QStringLiteral("IN"),
-            QStringLiteral("OUT")} << true;
+            QStringLiteral("OUT")}
+                              << true;
     }
     void damagedInputWarnedOrRefused()
     {
@@ -150,13 +144,13 @@ private slots:
         r = sova({QStringLiteral("info"), QStringLiteral("--exact"), file});
         QCOMPARE(r.status, 0);
         QVERIFY2(!r.out.contains(QStringLiteral("estimated")), qPrintable(r.out));
-        QVERIFY2(r.out.contains(QStringLiteral("frames      %1\n").arg(ffmpegFrames(file))),
+        QVERIFY2(r.out.contains(QStringLiteral("frames      %1\n").arg(peer::ffmpegFrames(file))),
             qPrintable(r.out));
         r = sova(
             {QStringLiteral("info"), QStringLiteral("--exact"), path(QStringLiteral("cut.flac"))});
         QCOMPARE(r.status, 0);
         QVERIFY2(r.out.contains(QStringLiteral("frames      %1\n")
-                                    .arg(ffmpegFrames(path(QStringLiteral("cut.flac")))))
+                                    .arg(peer::ffmpegFrames(path(QStringLiteral("cut.flac")))))
                 && r.out.contains(QStringLiteral("damage      ")),
             qPrintable(r.out));
     }

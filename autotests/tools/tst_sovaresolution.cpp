@@ -1,6 +1,8 @@
 // sova split, join, convert and fx on 24-bit and hot float sources made by ffmpeg: what they
 // write keeps the source's resolution and kind, says what it clipped, and switches a WAV that
 // passes the size limit to RF64. Checked with ffprobe and ffmpeg's decode, not our reader.
+#include "../peertools.h"
+
 #include <QtTest>
 
 #include <algorithm>
@@ -10,27 +12,8 @@
 
 namespace {
 
-struct Run
-{
-    int status = -1;
-    QByteArray out;
-    QByteArray err;
-};
-
-Run run(const QString& program, const QStringList& arguments,
-    const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment())
-{
-    QProcess process;
-    process.setProcessEnvironment(environment);
-    process.start(program, arguments);
-    Run r;
-    if (!process.waitForFinished(60000))
-        return r;
-    r.status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -2;
-    r.out = process.readAllStandardOutput();
-    r.err = process.readAllStandardError();
-    return r;
-}
+using peer::Run;
+using peer::run;
 
 Run ffmpeg(const QStringList& arguments)
 {
@@ -52,8 +35,8 @@ QString probeValue(const QString& path, const QString& entry)
 std::vector<double> decode(const QString& path, int* channels)
 {
     *channels = probeValue(path, QStringLiteral("stream=channels")).toInt();
-    const Run r = ffmpeg({QStringLiteral("-i"), path, QStringLiteral("-f"),
-        QStringLiteral("f64le"), QStringLiteral("-")});
+    const Run r = ffmpeg({QStringLiteral("-i"), path, QStringLiteral("-f"), QStringLiteral("f64le"),
+        QStringLiteral("-")});
     std::vector<double> samples(size_t(r.out.size()) / sizeof(double));
     if (r.status == 0)
         std::memcpy(samples.data(), r.out.constData(), samples.size() * sizeof(double));
@@ -123,9 +106,9 @@ void TestSovaResolution::commands_data()
     QTest::addColumn<QString>("warning"); // a line expected on stderr, "" for none
 
     const QString none;
-    QTest::newRow("split keeps 24 bits") << QStringList {"split", "@s24.wav", "@a.wav", "@b.wav"}
-                                         << "s24" << QStringList {"a.wav", "b.wav"}
-                                         << "pcm_s24le" << 24 << 1.0 << none;
+    QTest::newRow("split keeps 24 bits")
+        << QStringList {"split", "@s24.wav", "@a.wav", "@b.wav"} << "s24"
+        << QStringList {"a.wav", "b.wav"} << "pcm_s24le" << 24 << 1.0 << none;
     QTest::newRow("split keeps float beyond full scale")
         << QStringList {"split", "@hot.wav", "@c.wav", "@d.wav"} << "hot"
         << QStringList {"c.wav", "d.wav"} << "pcm_f32le" << 0 << 1.0 << none;
@@ -136,29 +119,29 @@ void TestSovaResolution::commands_data()
     QTest::newRow("join keeps 24 bits")
         << QStringList {"join", "@s24-L.wav", "@s24-R.wav", "@g.wav"} << "s24"
         << QStringList {"g.wav"} << "pcm_s24le" << 24 << 1.0 << none;
-    QTest::newRow("join keeps float") << QStringList {"join", "@hot-L.wav", "@hot-R.wav", "@h.wav"}
-                                      << "hot" << QStringList {"h.wav"} << "pcm_f32le" << 0 << 1.0
-                                      << none;
+    QTest::newRow("join keeps float")
+        << QStringList {"join", "@hot-L.wav", "@hot-R.wav", "@h.wav"} << "hot"
+        << QStringList {"h.wav"} << "pcm_f32le" << 0 << 1.0 << none;
     QTest::newRow("join into flac warns of clipping")
         << QStringList {"join", "@hot-L.wav", "@hot-R.wav", "@i.flac"} << "hot"
         << QStringList {"i.flac"} << "flac" << 24 << 1.0
         << "sova: join: '@i.flac': {n} samples beyond full scale clipped (peak +4.1 dBFS)";
-    QTest::newRow("convert keeps float") << QStringList {"convert", "-q", "@hot.wav", "@j.wav"}
-                                         << "hot" << QStringList {"j.wav"} << "pcm_f32le" << 0
-                                         << 1.0 << none;
+    QTest::newRow("convert keeps float")
+        << QStringList {"convert", "-q", "@hot.wav", "@j.wav"} << "hot" << QStringList {"j.wav"}
+        << "pcm_f32le" << 0 << 1.0 << none;
     QTest::newRow("convert keeps 24 bits in flac")
-        << QStringList {"convert", "-q", "@s24.wav", "@k.flac"} << "s24"
-        << QStringList {"k.flac"} << "flac" << 24 << 1.0 << none;
+        << QStringList {"convert", "-q", "@s24.wav", "@k.flac"} << "s24" << QStringList {"k.flac"}
+        << "flac" << 24 << 1.0 << none;
     QTest::newRow("convert to 24 bits warns of clipping")
         << QStringList {"convert", "-q", "--bits", "24", "@hot.wav", "@l.wav"} << "hot"
         << QStringList {"l.wav"} << "pcm_s24le" << 24 << 1.0
         << "sova: convert: '@l.wav': {n} samples beyond full scale clipped (peak +4.1 dBFS)";
-    QTest::newRow("fx keeps float") << QStringList {"fx", "-q", "--chain", "gain[db=-3]",
-        "@hot.wav", "@m.wav"} << "hot" << QStringList {"m.wav"} << "pcm_f32le" << 0
-                                    << std::pow(10.0, -3.0 / 20.0) << none;
-    QTest::newRow("fx keeps 24 bits") << QStringList {"fx", "-q", "--chain", "gain[db=-3]",
-        "@s24.wav", "@n.wav"} << "s24" << QStringList {"n.wav"} << "pcm_s24le" << 24
-                                      << std::pow(10.0, -3.0 / 20.0) << none;
+    QTest::newRow("fx keeps float")
+        << QStringList {"fx", "-q", "--chain", "gain[db=-3]", "@hot.wav", "@m.wav"} << "hot"
+        << QStringList {"m.wav"} << "pcm_f32le" << 0 << std::pow(10.0, -3.0 / 20.0) << none;
+    QTest::newRow("fx keeps 24 bits")
+        << QStringList {"fx", "-q", "--chain", "gain[db=-3]", "@s24.wav", "@n.wav"} << "s24"
+        << QStringList {"n.wav"} << "pcm_s24le" << 24 << std::pow(10.0, -3.0 / 20.0) << none;
 }
 
 // Each command writes the source's resolution and kind, with the samples ffmpeg decodes from
