@@ -116,7 +116,8 @@ public:
     static bool convert(const QString& source, const QString& sourceFormat, const QString& target,
         const QString& targetFormat, QSovaAudioFormat& format,
         const std::function<bool(double)>& progress);
-    // Damage met in the source by the calling thread's last convert().
+    // Damage met in the last file the calling thread closed after reading it: the source of its
+    // last convert(), or the input of a split (QSova::ChannelDemultiplexer).
     static AUDIO_DamageReport lastConversionDamage();
 
 protected:

@@ -64,10 +64,11 @@ int runSplit(const QStringList& arguments)
         return fail("split", engineFailure(QStringLiteral("read"), in));
     const int channels = probe.numChannels();
     probe.close();
-    // The split reads IN in the library: read it through once more to learn of damage.
+    // Damage is known once IN has been read: --strict reads it through first, so that a damaged
+    // input writes nothing; otherwise the split's own read reports it.
+    const bool strict = parser.isSet(QStringLiteral("strict"));
     AUDIO_DamageReport damage {};
-    if (scanDamage(in, QString(), &damage)
-        && refuseDamage("split", in, damage, parser.isSet(QStringLiteral("strict"))))
+    if (strict && scanDamage(in, QString(), &damage) && refuseDamage("split", in, damage, true))
         return ExitFailure;
     if (outputs.size() > channels) {
         for (const QString& ignored : outputs.mid(channels))
@@ -91,6 +92,8 @@ int runSplit(const QStringList& arguments)
     }
     if (!ok)
         return fail("split", engineFailure(QStringLiteral("split"), in));
+    if (!strict)
+        refuseDamage("split", in, QSovaAudioFile::lastConversionDamage(), false);
     int result = ExitOk;
     for (int i = 0; i < outputs.size(); ++i) {
         const QFileInfo info(outputs.at(i));
@@ -110,8 +113,7 @@ int runSplit(const QStringList& arguments)
             const QString quoted = QStringLiteral("'%1'").arg(outputs.at(i));
             result = fail("split",
                 reason.contains(quoted) ? reason : QStringLiteral("cannot write ") + quoted);
-        }
-        else if (i < results.size())
+        } else if (i < results.size())
             warnClipped("split", outputs.at(i), results.at(i).clips);
     }
     return result;

@@ -1090,7 +1090,7 @@ bool resolveWriteFormat(
     return true;
 }
 
-// Damage met in the source by the thread's last AUDIO_ConvertEx.
+// Damage met in the last file the thread closed after reading it (the source of a conversion).
 thread_local AUDIO_DamageReport lastConversionDamage {0, 0, -1.0, 0.0, 0};
 
 void removeQuietly(const std::string& path)
@@ -1218,8 +1218,8 @@ AUDIOFILE* AUDIO_CreateFileEx2(const char* pathText, const char* format, const _
         BLIO_FileInfo info {};
         const int32_t code = BLERROR_LastCode();
         const std::string message = BLERROR_LastMessage();
-        file->keepTarget = BLIO_GetFileInfo(file->sink ? file->sink : file->io, &info) == 1
-            && !info.RegularFile;
+        file->keepTarget
+            = BLIO_GetFileInfo(file->sink ? file->sink : file->io, &info) == 1 && !info.RegularFile;
         if (code == BLERR_NONE)
             BLERROR_Clear();
         else
@@ -1432,6 +1432,8 @@ int32_t AUDIO_CloseFile(AUDIOFILE* file)
     if (!file)
         return 1;
     if (!file->writer) {
+        if (file->reader)
+            AUDIO_GetDamageReport(file, &lastConversionDamage);
         destroy(file);
         return 1;
     }
@@ -1639,8 +1641,7 @@ int32_t AUDIO_ConvertEx(const AUDIO_Progress* progress, const char* source,
         out->failure = error;
     }
     const _audio_format written = out->writer->format();
-    AUDIO_GetDamageReport(in, &lastConversionDamage);
-    AUDIO_CloseFile(in);
+    AUDIO_CloseFile(in); // records its damage
     if (!AUDIO_CloseFile(out))
         return 0;
     if (fmt)

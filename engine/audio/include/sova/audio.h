@@ -478,8 +478,9 @@ typedef struct _audio_damage_report
 /* Fills *report for a file opened for reading; non-zero on success. */
 SOVAAUDIO_EXPORT int32_t AUDIO_GetDamageReport(AUDIOFILE* file, AUDIO_DamageReport* report);
 
-/* Fills *report with the damage met in the source by the calling thread's last
- * AUDIO_ConvertEx (zeros, firstSeconds -1.0, before any); non-zero on success. */
+/* Fills *report with the damage met in the last file the calling thread closed after reading
+ * it: the source of its last AUDIO_ConvertEx, or a file read and closed by the caller (zeros,
+ * firstSeconds -1.0, before any); non-zero on success. */
 SOVAAUDIO_EXPORT int32_t AUDIO_LastConversionDamage(AUDIO_DamageReport* report);
 
 /* The damage met when a signal was read from its file by AUDIOSIGNAL_OpenEx (all zero, with
