@@ -4,6 +4,8 @@
 #include <sova/audio.h>
 #include <sova/blio.h>
 
+#include "fuzzmem.h"
+
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -19,76 +21,6 @@ void fail(int line)
     std::abort();
 }
 #define check(condition) ((condition) ? void() : fail(__LINE__))
-
-// The one input of this iteration, read-only.
-const uint8_t* g_data = nullptr;
-int64_t g_size = 0;
-
-struct MemFile
-{
-    int64_t position = 0;
-};
-
-void* memOpen(void*, const char*, BLIOOPENMODE mode)
-{
-    return (mode & BLIO_MODE_WRITE) ? nullptr : new MemFile;
-}
-int32_t memClose(void* handle)
-{
-    delete static_cast<MemFile*>(handle);
-    return 1;
-}
-int64_t memRead(void* handle, void* buffer, int64_t count)
-{
-    MemFile* file = static_cast<MemFile*>(handle);
-    const int64_t n = std::max<int64_t>(0, std::min(count, g_size - file->position));
-    if (n > 0)
-        std::memcpy(buffer, g_data + file->position, static_cast<size_t>(n));
-    file->position += n;
-    return n;
-}
-int32_t memSeek(void* handle, int64_t offset, int32_t origin)
-{
-    MemFile* file = static_cast<MemFile*>(handle);
-    const int64_t base = origin == BLIO_SEEK_CUR ? file->position
-        : origin == BLIO_SEEK_END                ? g_size
-                                                 : 0;
-    if (base + offset < 0)
-        return 0;
-    file->position = base + offset;
-    return 1;
-}
-int64_t memSize(void*)
-{
-    return g_size;
-}
-int64_t memPosition(void* handle)
-{
-    return static_cast<MemFile*>(handle)->position;
-}
-int32_t memIsEOF(void* handle)
-{
-    return static_cast<MemFile*>(handle)->position >= g_size ? 1 : 0;
-}
-int32_t memExists(const char*)
-{
-    return 1;
-}
-
-BLIO_Handler g_handler = [] {
-    BLIO_Handler h{};
-    h.Scheme = "fuzzmem";
-    h.Flags = BLIO_MODE_READ;
-    h.Open = memOpen;
-    h.Close = memClose;
-    h.Read = memRead;
-    h.Seek = memSeek;
-    h.Size = memSize;
-    h.Position = memPosition;
-    h.IsEOF = memIsEOF;
-    h.Exists = memExists;
-    return h;
-}();
 
 // Reads a file to its end in blocks of the three kinds; bounded in case a tiny input claims a
 // long stream (that is allowed: compressed frames can be small).
@@ -131,10 +63,7 @@ void readThrough(const char* path, const char* format)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    static const bool registered = BLIO_AddIOHandler(&g_handler) == 1;
-    check(registered);
-    g_data = data;
-    g_size = static_cast<int64_t>(size);
+    check(fuzzmem::setInput(data, size));
     readThrough("fuzzmem://input", "");
     readThrough("fuzzmem://input", "raw");
     // The converting reader, on a few inputs only: soxr is slow to set up.

@@ -3,13 +3,13 @@
 #include <sova/audio.h>
 #include <sova/blerror.h>
 
+#include "fuzzmem.h"
+
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
-#include <unistd.h>
 
 namespace {
 
@@ -20,32 +20,16 @@ void fail(int line)
 }
 #define check(condition) ((condition) ? void() : fail(__LINE__))
 
-const std::string& inputPath()
-{
-    static const std::string path = [] {
-        char name[] = "/tmp/fuzz_regions_XXXXXX";
-        const int fd = mkstemp(name);
-        if (fd >= 0)
-            close(fd);
-        return std::string(name);
-    }();
-    return path;
-}
-
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    FILE* f = std::fopen(inputPath().c_str(), "wb");
-    if (!f)
-        return 0;
-    std::fwrite(data, 1, size, f);
-    std::fclose(f);
+    check(fuzzmem::setInput(data, size));
     constexpr int32_t kCapacity = 16;
     _audio_region regions[kCapacity + 1];
     for (const char* tag : {"labels", "cue"}) {
         std::memset(regions, 0x5a, sizeof regions);
-        const int32_t n = AUDIO_ReadRegions(inputPath().c_str(), tag, regions, kCapacity);
+        const int32_t n = AUDIO_ReadRegions("fuzzmem://input", tag, regions, kCapacity);
         if (n < 0) {
             check(*BLERROR_LastMessage() != '\0');
             continue;

@@ -25,6 +25,7 @@ extern "C" {
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -59,6 +60,62 @@ namespace {
             std::snprintf(text, sizeof text, "error %d", err);
         return text;
     }
+
+    // ---- Allocation ceiling ----------------------------------------------------------------------
+
+    // FFmpeg sizes some allocations from header fields before it can know they are false (an APE
+    // tag item, an ID3 frame, an index table): a 94-byte file may ask for half a gigabyte. Its only
+    // guard is one process-wide ceiling on a single allocation, so the engine keeps that ceiling
+    // at what the files open in it can need: eight times the largest (an index entry of 24 bytes
+    // stands for at least 4 bytes of the file's table), never below 64 MiB, 256 MiB for a stream
+    // of unknown size. A host that uses FFmpeg itself shares the ceiling while files are open.
+    class AllocationCeiling
+    {
+    public:
+        static constexpr int64_t kFloor = int64_t(64) << 20;
+        static constexpr int64_t kUnknownSize = int64_t(256) << 20;
+
+        static int64_t needFor(int64_t fileSize)
+        {
+            if (fileSize < 0)
+                return kUnknownSize;
+            return std::clamp(fileSize > INT_MAX / 8 ? int64_t(INT_MAX) : fileSize * 8, kFloor,
+                              int64_t(INT_MAX));
+        }
+
+        static void add(int64_t need)
+        {
+            std::lock_guard<std::mutex> lock(mutex());
+            needs().insert(need);
+            apply();
+        }
+        static void remove(int64_t need)
+        {
+            std::lock_guard<std::mutex> lock(mutex());
+            auto& all = needs();
+            const auto it = all.find(need);
+            if (it != all.end())
+                all.erase(it);
+            apply();
+        }
+
+    private:
+        static std::mutex& mutex()
+        {
+            static std::mutex m;
+            return m;
+        }
+        static std::multiset<int64_t>& needs()
+        {
+            static std::multiset<int64_t> all;
+            return all;
+        }
+        static void apply()
+        {
+            const auto& all = needs();
+            av_max_alloc(size_t(all.empty() ? kFloor : *all.rbegin()));
+        }
+    };
 
     // ---- AVIOContext over a foundation handle --------------------------------------------------
 
@@ -374,6 +431,8 @@ namespace {
             freeIo(avio_);
             av_channel_layout_uninit(&swrInLayout_);
             av_channel_layout_uninit(&outLayout_);
+            if (allocationNeed_ > 0)
+                AllocationCeiling::remove(allocationNeed_);
         }
 
         bool open(const FormatRequest& request);
@@ -423,6 +482,7 @@ namespace {
         AVFrame* frame_ = nullptr;
         AVStream* stream_ = nullptr;
         Deadline deadline_;
+        int64_t allocationNeed_ = 0; // this reader's share of the allocation ceiling, once open
         StreamInfo info_;
         int channels_ = 0;
         std::vector<float> carry_; // converted samples of the last decoded frame
@@ -469,6 +529,8 @@ namespace {
     bool FfmpegReader::open(const FormatRequest& request)
     {
         (void)request; // the content decides: FFmpeg has no headerless formats we would offer
+        allocationNeed_ = AllocationCeiling::needFor(BLIO_IsSeekable(io_) ? BLIO_FileSize(io_) : -1);
+        AllocationCeiling::add(allocationNeed_);
         fmt_ = avformat_alloc_context();
         avio_ = makeIo(io_, false);
         packet_ = av_packet_alloc();
