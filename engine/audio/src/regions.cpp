@@ -6,6 +6,7 @@
 
 #include <sova/audioformats.h>
 #include <sova/blerror.h>
+#include <sova/blio.h>
 
 #include <algorithm>
 #include <cctype>
@@ -258,6 +259,20 @@ bool cueText(const char* p, const char* end, std::string& text)
     return true;
 }
 
+// The file name of a FILE line at p: quoted (up to the last quote, before the file type) or
+// the first word.
+std::string cueFileName(const char* p, const char* end)
+{
+    while (p < end && isBlank(*p))
+        ++p;
+    if (p == end || *p != '"')
+        return cueWord(p, end);
+    const char* last = end;
+    while (last > p + 1 && last[-1] != '"')
+        --last;
+    return last > p + 1 ? std::string(p + 1, last - 1) : std::string(p + 1, end);
+}
+
 bool parseCueTime(const std::string& word, double& seconds)
 {
     long long mm = 0, ss = 0, ff = 0;
@@ -316,6 +331,14 @@ int32_t readCue(const char* path, const std::vector<std::string>& lines, _audio_
         if (iequals(keyword, "FILE")) {
             if (++files > 1) {
                 setError(AUDIOERR_UNSUPPORTED, "'%s', line %d: more than one FILE", path, number);
+                return -1;
+            }
+            // The sheet is not the program that formatted a memory address: never pass one on.
+            const std::string file = cueFileName(p, end);
+            if (BLIO_NamesMemoryAddress(file.c_str())) {
+                setError(AUDIOERR_CORRUPT,
+                    "'%s', line %d: FILE '%s' names a memory address, not a file", path, number,
+                    file.c_str());
                 return -1;
             }
         } else if (iequals(keyword, "TRACK")) {
@@ -455,6 +478,12 @@ bool formatCue(const char* path, const _audio_region* regions, int32_t count, co
         return false;
     }
     const std::string file = audioFile ? std::string(audioFile) : defaultAudioFile(path);
+    if (BLIO_NamesMemoryAddress(file.c_str())) {
+        setError(BLERR_INVALID_ARGUMENT,
+            "'%s': the audio file '%s' names a memory address; a CUE sheet needs a file name",
+            path, file.c_str());
+        return false;
+    }
     if (!validUtf8(file.data(), file.size()) || hasLineBreak(file.c_str())) {
         setError(
             BLERR_INVALID_ARGUMENT, "'%s': the audio file name is not one line of UTF-8", path);

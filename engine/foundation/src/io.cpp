@@ -1278,4 +1278,13 @@ int32_t BLIO_RenameFile(const char* from, const char* to)
     return 1;
 }
 
+int32_t BLIO_NamesMemoryAddress(const char* path)
+{
+    const size_t prefix = schemePrefixLength(path);
+    for (const char* scheme : {"hfile://", "qiodevice://"})
+        if (prefix == std::strlen(scheme) && equalsNoCase(path, scheme, prefix))
+            return 1;
+    return 0;
+}
+
 } // extern "C"

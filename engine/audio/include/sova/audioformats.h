@@ -149,11 +149,12 @@ typedef struct _audio_region {
  * (recorded, naming the file and line). tagName "labels": lines of tab-separated begin, end
  * and label (seconds), as audio editors export them; "cue": a CUE sheet's tracks, each region
  * running from its INDEX 01 to the next track's (the last one has no length), the TITLE as
- * label. Any path scheme works. */
+ * label. Any path scheme works. A sheet whose FILE names a memory address (see
+ * BLIO_NamesMemoryAddress) is refused as corrupt: content never hands such a path on. */
 SOVAAUDIO_EXPORT int32_t AUDIO_ReadRegions(const char* path, const char* tagName,
                                            _audio_region* regions, int32_t capacity);
-/* Writes count regions; audioFile names the audio file in a CUE sheet (may be null). Atomic
- * for plain paths. 1 on success. */
+/* Writes count regions; audioFile names the audio file in a CUE sheet (may be null; a memory
+ * address is refused). Atomic for plain paths. 1 on success. */
 SOVAAUDIO_EXPORT int32_t AUDIO_WriteRegions(const char* path, const char* tagName,
                                             const _audio_region* regions, int32_t count,
                                             const char* audioFile);

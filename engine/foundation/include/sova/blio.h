@@ -251,6 +251,14 @@ typedef struct BLIO_OpenOptions {
 SOVAFOUNDATION_EXPORT int32_t BLIO_ParseOpenDescriptor(const char* descriptor,
                                                        BLIO_OpenOptions* options);
 
+/* ---- Memory-address paths ------------------------------------------------------------- */
+
+/* 1 when path's scheme names an object by its address in memory ("hfile://", and
+ * "qiodevice://" that the Qt layer registers), any letter case; else 0 (null: 0). Such a path
+ * is only safe from the program that formatted it: callers refuse it when it comes from a
+ * user or from the content of a file. */
+SOVAFOUNDATION_EXPORT int32_t BLIO_NamesMemoryAddress(const char* path);
+
 #ifdef __cplusplus
 }
 #endif
