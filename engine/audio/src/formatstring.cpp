@@ -70,6 +70,65 @@ bool readWord(const char* options, const char* key, std::string& word, const cha
     return true;
 }
 
+// Why an option list is not "key[=value],..." in the option-string syntax, or null. Brackets
+// and quotes may open a value and must close it; anywhere else they are junk that the
+// option-string readers would silently skip ("wav[[[]]]").
+const char* optionListProblem(const std::string& list)
+{
+    const auto blank = [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; };
+    const auto keyChar = [](char c) {
+        return std::isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '-' || c == '.';
+    };
+    const size_t n = list.size();
+    size_t i = 0;
+    while (i <= n) {
+        while (i < n && blank(list[i]))
+            ++i;
+        const size_t key = i;
+        while (i < n && keyChar(list[i]))
+            ++i;
+        const bool named = i > key;
+        while (i < n && blank(list[i]))
+            ++i;
+        const bool valued = i < n && list[i] == '=';
+        if (valued) {
+            if (!named)
+                return "an option without a name";
+            for (++i; i < n && blank(list[i]); ++i) {
+            }
+            if (i < n && (list[i] == '"' || list[i] == '\'')) {
+                const char quote = list[i++];
+                while (i < n && list[i] != quote)
+                    i += list[i] == '\\' && i + 1 < n ? 2 : 1;
+                if (i >= n)
+                    return "a quote is not closed";
+                ++i;
+            } else if (i < n && list[i] == '[') {
+                int depth = 0;
+                do {
+                    depth += list[i] == '[' ? 1 : list[i] == ']' ? -1 : 0;
+                    ++i;
+                } while (i < n && depth > 0);
+                if (depth > 0)
+                    return "a '[' is not closed";
+            } else {
+                while (i < n && list[i] != ',') {
+                    if (list[i] == '[' || list[i] == ']')
+                        return "a bracket inside a value (quote the value)";
+                    i += list[i] == '\\' && i + 1 < n ? 2 : 1;
+                }
+            }
+            while (i < n && blank(list[i]))
+                ++i;
+        }
+        if (i < n && list[i] != ',')
+            return valued ? "junk after a value"
+                          : "an option name may hold only letters, digits and '_', '-', '.'";
+        ++i; // past ',' or the end
+    }
+    return nullptr;
+}
+
 } // namespace
 
 bool parseFormatString(const char* text, FormatRequest& request)
@@ -105,6 +164,11 @@ bool parseFormatString(const char* text, FormatRequest& request)
                      name.c_str());
             return false;
         }
+    }
+
+    if (const char* problem = optionListProblem(request.options)) {
+        setError(AUDIOERR_UNKNOWN_FORMAT, "format '%s': %s", text, problem);
+        return false;
     }
 
     const char* options = request.options.c_str();
@@ -163,3 +227,9 @@ bool parseFormatString(const char* text, FormatRequest& request)
 }
 
 } // namespace sova::audio
+
+extern "C" int32_t AUDIO_CheckFormatString(const char* format)
+{
+    sova::audio::FormatRequest request;
+    return sova::audio::parseFormatString(format, request) ? 1 : 0;
+}

@@ -488,6 +488,13 @@ SOVAAUDIO_EXPORT int32_t AUDIO_LastConversionDamage(AUDIO_DamageReport* report);
 SOVAAUDIO_EXPORT int32_t AUDIOSIGNAL_GetDamageReport(
     struct _AUDIOSIGNAL* signal, AUDIO_DamageReport* report);
 
+/* ---- Checking format strings ------------------------------------------------------------ */
+
+/* 1 when format (null or "": none) is a format string that opening or creating a file takes;
+ * else 0, with the reason recorded (AUDIOERR_UNKNOWN_FORMAT or AUDIOERR_INVALID_FORMAT). A
+ * tool calls it to tell a bad string typed by its user from a file that fails. */
+SOVAAUDIO_EXPORT int32_t AUDIO_CheckFormatString(const char* format);
+
 #ifdef __cplusplus
 }
 #endif
