@@ -152,7 +152,7 @@ private slots:
                                                << "'.': it is a directory";
         QTest::newRow("link into a missing directory")
             << "tonowhere.wav"
-            << "'tonowhere.wav': the directory 'nowhere' does not exist";
+            << "'tonowhere.wav': No such file or directory (the directory 'nowhere' does not exist)";
     }
 
     void outputDirectoryIsChecked()

@@ -6,6 +6,7 @@
 #include <QRegularExpression>
 
 #include <algorithm>
+#include <cmath>
 #include <utility>
 
 namespace {
@@ -32,8 +33,13 @@ bool parseSelections(const QStringList& texts, QSovaAudioSelectionList* selectio
                          .arg(text);
             return false;
         }
-        const double begin = match.captured(1).toDouble();
-        const double end = match.captured(2).toDouble();
+        bool beginOk = false, endOk = false;
+        const double begin = match.captured(1).toDouble(&beginOk);
+        const double end = match.captured(2).toDouble(&endOk);
+        if (!beginOk || !endOk || !std::isfinite(begin) || !std::isfinite(end)) {
+            *error = QStringLiteral("--selection %1: out of range (seconds, finite)").arg(text);
+            return false;
+        }
         if (!(begin < end)) {
             *error = QStringLiteral("selection '%1' does not end after it begins").arg(text);
             return false;

@@ -1,6 +1,7 @@
 #include "audiopaths.h"
 
 #include "command.h"
+#include "usage.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -14,15 +15,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-QString refusedPathReason(const QString& path)
-{
-    if (path.isEmpty())
-        return QStringLiteral("an empty file name");
-    const QString lower = path.toLower();
-    if (lower.startsWith(QLatin1String("qiodevice:")) || lower.startsWith(QLatin1String("hfile:")))
-        return QStringLiteral("'%1': this scheme names memory, not a file").arg(path);
-    return QString();
-}
 
 void showProgress(const QString& label, double fraction, bool done)
 {
@@ -55,11 +47,11 @@ QString engineFailure(const QString& verb, const QString& path)
 
 int checkPaths(const char* command, const QStringList& paths)
 {
-    for (const QString& path : paths) {
-        const QString refused = refusedPathReason(path);
-        if (!refused.isEmpty())
-            return fail(command, refused);
-    }
+    const int refused = refuseMemoryAddresses(paths);
+    if (refused >= 0)
+        return refused;
+    if (paths.contains(QString()))
+        return usageError(command, QStringLiteral("an empty file name"));
     return -1;
 }
 
@@ -70,6 +62,16 @@ const QString standardStream = QStringLiteral("-");
 bool hasScheme(const QString& path)
 {
     return path.indexOf(QStringLiteral("://")) > 0;
+}
+
+// The local file a path names: itself, or what follows "file://" (the engine's local files)
+// or "qfile://" (the Qt layer's); empty for other schemes.
+QString localPath(const QString& path)
+{
+    for (const QLatin1String scheme : {QLatin1String("file://"), QLatin1String("qfile://")})
+        if (path.startsWith(scheme, Qt::CaseInsensitive))
+            return path.mid(scheme.size());
+    return hasScheme(path) ? QString() : path;
 }
 
 // An input path without the ":fmtconv[...]" suffix the engine reads it through.
@@ -165,13 +167,15 @@ QString outputDirectoryProblem(const QString& output)
     const QString dir = QFileInfo(finalTarget(output)).path();
     const QByteArray name = QFile::encodeName(dir);
     const bool found = ::stat(name.constData(), &st) == 0;
+    const int statError = errno;
+    // The system's reason first, then which part of the path it is about.
     if (found && !S_ISDIR(st.st_mode))
-        return QStringLiteral("cannot write '%1': '%2' is not a directory").arg(output, dir);
+        return QStringLiteral("cannot write '%1': %2 ('%3' is not a directory)")
+            .arg(output, QString::fromLocal8Bit(std::strerror(ENOTDIR)), dir);
     if (!found)
-        return QStringLiteral("cannot write '%1': the directory '%2' %3")
-            .arg(output, dir,
-                errno == ENOENT ? QStringLiteral("does not exist")
-                                : QString::fromLocal8Bit(std::strerror(errno)));
+        return QStringLiteral("cannot write '%1': %2 (the directory '%3'%4)")
+            .arg(output, QString::fromLocal8Bit(std::strerror(statError)), dir,
+                statError == ENOENT ? QStringLiteral(" does not exist") : QString());
     if (::access(name.constData(), W_OK | X_OK) != 0)
         return QStringLiteral("cannot write '%1': the directory '%2' does not take new files: %3")
             .arg(output, dir, QString::fromLocal8Bit(std::strerror(errno)));
@@ -180,21 +184,8 @@ QString outputDirectoryProblem(const QString& output)
 
 } // namespace
 
-int prepareAudioPaths(
-    const char* command, QStringList& inputs, const QStringList& outputs, bool formatGiven)
+int refuseSameFiles(const char* command, const QStringList& inputs, const QStringList& outputs)
 {
-    const int refused = checkPaths(command, inputs + outputs);
-    if (refused >= 0)
-        return refused;
-    if (inputs.count(standardStream) > 1)
-        return usageError(command, QStringLiteral("standard input ('-') can be read only once"));
-    if (outputs.count(standardStream) > 1)
-        return usageError(
-            command, QStringLiteral("standard output ('-') can take only one output"));
-    if (outputs.contains(standardStream) && !formatGiven)
-        return usageError(command,
-            QStringLiteral("writing to standard output ('-') needs --format, e.g. --format wav"));
-
     // The same file twice: by device and inode when it exists, else by its resolved name.
     struct Seen
     {
@@ -202,20 +193,34 @@ int prepareAudioPaths(
         dev_t device;
         ino_t inode;
     };
+    // A path whose file does not exist yet, by its directory's canonical name.
+    const auto resolvedName = [](const QString& local) {
+        const QFileInfo target(finalTarget(local));
+        const QString dir = QFileInfo(target.path()).canonicalFilePath();
+        return (dir.isEmpty() ? target.path() : dir) + QLatin1Char('/') + target.fileName();
+    };
     QList<Seen> read;
+    QList<QPair<QString, QString>> readNames; // inputs not there (yet), resolved
     for (const QString& input : inputs) {
         struct stat st;
-        const QString path = withoutFmtConv(input);
-        if (!hasScheme(path) && statPath(path, STDIN_FILENO, st) && S_ISREG(st.st_mode))
-            read.append({input, st.st_dev, st.st_ino});
+        const QString path = localPath(withoutFmtConv(input));
+        if (path.isEmpty() || path == standardStream)
+            continue;
+        if (statPath(path, STDIN_FILENO, st)) {
+            if (S_ISREG(st.st_mode))
+                read.append({input, st.st_dev, st.st_ino});
+        } else {
+            readNames.append({resolvedName(path), input});
+        }
     }
     QStringList written;
     QList<Seen> writtenIds;
     for (const QString& output : outputs) {
-        if (hasScheme(output))
+        const QString local = localPath(output);
+        if (local.isEmpty())
             continue;
         struct stat st;
-        if (statPath(output, STDOUT_FILENO, st) && S_ISREG(st.st_mode)) {
+        if (statPath(local, STDOUT_FILENO, st) && S_ISREG(st.st_mode)) {
             for (const Seen& in : read)
                 if (in.device == st.st_dev && in.inode == st.st_ino)
                     return usageError(command,
@@ -228,17 +233,45 @@ int prepareAudioPaths(
                     return usageError(command,
                         QStringLiteral("'%1' and '%2' are the same file").arg(other.path, output));
             writtenIds.append({output, st.st_dev, st.st_ino});
-        } else if (output != standardStream && !statPath(output, STDOUT_FILENO, st)) {
-            const QFileInfo target(finalTarget(output));
-            const QString dir = QFileInfo(target.path()).canonicalFilePath();
-            const QString resolved
-                = (dir.isEmpty() ? target.path() : dir) + QLatin1Char('/') + target.fileName();
+        } else if (output != standardStream && !statPath(local, STDOUT_FILENO, st)) {
+            const QString resolved = resolvedName(local);
+            for (const auto& in : readNames)
+                if (in.first == resolved)
+                    return usageError(command,
+                        in.second == output
+                            ? QStringLiteral("'%1' is both an input and the output").arg(output)
+                            : QStringLiteral("'%1' is the same file as the input '%2'")
+                                  .arg(output, in.second));
             if (written.contains(resolved))
                 return usageError(
                     command, QStringLiteral("'%1' is named twice as an output").arg(output));
             written.append(resolved);
         }
     }
+
+    return -1;
+}
+
+int prepareAudioPaths(
+    const char* command, QStringList& inputs, const QStringList& outputs, bool formatGiven)
+{
+    int refused = checkPaths(command, inputs + outputs);
+    if (refused < 0)
+        refused = checkFmtConvSuffixes(command, inputs);
+    if (refused >= 0)
+        return refused;
+    if (inputs.count(standardStream) > 1)
+        return usageError(command, QStringLiteral("standard input ('-') can be read only once"));
+    if (outputs.count(standardStream) > 1)
+        return usageError(
+            command, QStringLiteral("standard output ('-') can take only one output"));
+    if (outputs.contains(standardStream) && !formatGiven)
+        return usageError(command,
+            QStringLiteral("writing to standard output ('-') needs --format, e.g. --format wav"));
+
+    refused = refuseSameFiles(command, inputs, outputs);
+    if (refused >= 0)
+        return refused;
 
     for (const QString& output : outputs) {
         if (output == standardStream || hasScheme(output))

@@ -3,13 +3,8 @@
 #include <QString>
 #include <QStringList>
 
-// Audio commands take file names from a user. The "qiodevice://" and "hfile://" schemes name
-// objects in memory by address, which only a program can hand out safely: refuse them here.
-// Returns an empty string when the path is acceptable, else the reason.
-QString refusedPathReason(const QString& path);
-
-// Refuses the first unacceptable path with "sova: COMMAND: reason"; returns ExitFailure then,
-// -1 when every path is acceptable.
+// Refuses paths a user cannot mean: a memory address (see refuseMemoryAddresses) or an empty
+// name. Returns ExitUsage then, -1 when every path is acceptable.
 int checkPaths(const char* command, const QStringList& paths);
 
 // Writes "\r<label> [#####.....]  42%" to standard error when it is a terminal; done = true
@@ -18,6 +13,12 @@ void showProgress(const QString& label, double fraction, bool done = false);
 
 // The engine's reason for the last failure, naming path: "cannot <verb> 'path': reason".
 QString engineFailure(const QString& verb, const QString& path);
+
+// Refuses (ExitUsage, naming both) an output that is the same file as an input or another
+// output: by device and inode when it exists (hard and symbolic links, "./" and "file://"
+// forms alike), else by its resolved name. Returns -1 when all are distinct. Nothing is
+// written before the check.
+int refuseSameFiles(const char* command, const QStringList& inputs, const QStringList& outputs);
 
 // Checks the paths of an audio command before any work, after checkPaths: "-" reads standard
 // input (at most one input) and writes standard output (at most one output, and only when

@@ -2,6 +2,7 @@
 #include "clipwarning.h"
 #include "command.h"
 #include "damage.h"
+#include "usage.h"
 
 #include <QFileInfo>
 #include <QSovaAudioFile>
@@ -11,16 +12,6 @@
 #include <algorithm>
 
 namespace {
-
-// A positive integer option, or 0 when not given; -1 when given but not a positive integer.
-int positiveOption(const QCommandLineParser& parser, const QCommandLineOption& option)
-{
-    if (!parser.isSet(option))
-        return 0;
-    bool ok = false;
-    const int value = parser.value(option).toInt(&ok);
-    return ok && value > 0 ? value : -1;
-}
 
 using Db = QSovaFormatDatabase;
 
@@ -163,11 +154,12 @@ int runConvert(const QStringList& arguments)
     const QCommandLineOption inFormatOption(QStringLiteral("in-format"),
         QStringLiteral("Format string of IN (default: detect)."), QStringLiteral("STRING"));
     const QCommandLineOption rateOption({QStringLiteral("r"), QStringLiteral("rate")},
-        QStringLiteral("Sample rate of OUT in Hz."), QStringLiteral("HZ"));
+        QStringLiteral("Sample rate of OUT in Hz, 10 to 500000."), QStringLiteral("HZ"));
     const QCommandLineOption channelsOption({QStringLiteral("c"), QStringLiteral("channels")},
-        QStringLiteral("Channels of OUT."), QStringLiteral("N"));
+        QStringLiteral("Channels of OUT, 1 to 8."), QStringLiteral("N"));
     const QCommandLineOption bitsOption({QStringLiteral("b"), QStringLiteral("bits")},
-        QStringLiteral("Resolution of OUT in bits."), QStringLiteral("N"));
+        QStringLiteral("Resolution of OUT in bits: 3, 4, 5, 8, 12, 16, 20, 24, 32 or 64."),
+        QStringLiteral("N"));
     const QCommandLineOption quietOption(
         {QStringLiteral("q"), QStringLiteral("quiet")}, QStringLiteral("No progress bar."));
     parser.addOptions(
@@ -177,19 +169,24 @@ int runConvert(const QStringList& arguments)
         QStringLiteral("needs an input and an output file"), 2);
     if (status >= 0)
         return status;
+    // Every number in full before anything narrows it: 65537 channels are not 1.
+    qint64 rate64 = 0, channels64 = 0, bits64 = 0;
+    int usage = integerOption("convert", parser, rateOption, 10, 500000, &rate64);
+    if (usage < 0)
+        usage = integerOption("convert", parser, channelsOption, 1, 8, &channels64);
+    if (usage < 0)
+        usage = resolutionOption("convert", parser, bitsOption, &bits64);
+    if (usage < 0)
+        usage = checkFormatOptions("convert", parser, {formatOption, inFormatOption});
+    if (usage >= 0)
+        return usage;
     QStringList inputs {parser.positionalArguments().at(0)};
     const QString target = parser.positionalArguments().at(1);
     const int refused = prepareAudioPaths("convert", inputs, {target}, parser.isSet(formatOption));
     if (refused >= 0)
         return refused;
     const QString in = inputs.first();
-    const int rate = positiveOption(parser, rateOption);
-    const int channels = positiveOption(parser, channelsOption);
-    const int bits = positiveOption(parser, bitsOption);
-    if (rate < 0 || channels < 0 || bits < 0)
-        return usageError("convert",
-            QStringLiteral("--rate, --channels and --bits take a "
-                           "positive number"));
+    const int rate = int(rate64), channels = int(channels64), bits = int(bits64);
 
     // Without --rate/--channels/--bits the target keeps the source's values; with any of them
     // the others are read from the source first.
@@ -269,5 +266,7 @@ const Command convertCommand = {"convert", "Convert an audio file into another f
     "error when it is a terminal (-q turns it off). OUT is replaced only when the conversion\n"
     "succeeds. IN may be - (standard input), OUT - (standard output, with --format). A damaged\n"
     "or cut-off IN is decoded past with a warning naming where and how much was lost; --strict\n"
-    "makes it a failure instead.",
+    "makes it a failure instead.\n"
+    "Ranges: --rate 10 to 500000 Hz, --channels 1 to 8, --bits 3, 4, 5, 8, 12, 16, 20, 24, 32\n"
+    "or 64 (each format takes its own subset); out-of-range values are usage errors (exit 2).",
     runConvert};

@@ -2,6 +2,7 @@
 // through a signal pipe and saved as an audio file.
 #include "audiopaths.h"
 #include "command.h"
+#include "usage.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -41,6 +42,9 @@ int runDecode(const QStringList& arguments)
         QStringLiteral("needs a stream and an output file"), 2);
     if (status >= 0)
         return status;
+    const int usage = checkFormatOptions("decode", parser, {formatOption});
+    if (usage >= 0)
+        return usage;
     QStringList inputs {parser.positionalArguments().at(0)};
     const QString target = parser.positionalArguments().at(1);
     const int refused = prepareAudioPaths("decode", inputs, {target}, parser.isSet(formatOption));

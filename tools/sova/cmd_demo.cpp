@@ -304,6 +304,9 @@ int runDemo(const QStringList& arguments)
         dir = temporary.path();
     } else {
         dir = parser.positionalArguments().at(0);
+        const int usage = checkPaths("demo", {dir});
+        if (usage >= 0)
+            return usage;
         if (!QDir().mkpath(dir))
             return fail("demo", QStringLiteral("cannot create the folder '%1'").arg(dir));
     }

@@ -1,8 +1,12 @@
 #include "command.h"
+#include "usage.h"
 
 #include <QSet>
 #include <QSovaAudioFormat>
 #include <QSovaFormatDatabase>
+#include <sova/blstring.h>
+
+#include <cstdint>
 
 namespace {
 
@@ -51,7 +55,8 @@ int runFormats(const QStringList& arguments)
     const QCommandLineOption writeOption(
         QStringLiteral("write"), QStringLiteral("Only what can be written."));
     const QCommandLineOption formatOption({QStringLiteral("f"), QStringLiteral("format")},
-        QStringLiteral("Only tags that take this format (sr=48000,nc=6,nbits=24)."),
+        QStringLiteral("Only tags that take this format (sr=48000,nc=6,nbits=24; sr 10 to "
+                       "500000, nc 1 to 8, nbits 3, 4, 5, 8, 12, 16, 20, 24, 32 or 64)."),
         QStringLiteral("FORMAT"));
     const QCommandLineOption dialogOption(
         QStringLiteral("dialog"), QStringLiteral("Print the file-dialog filter lines."));
@@ -63,6 +68,41 @@ int runFormats(const QStringList& arguments)
         return usageError("formats", QStringLiteral("--read and --write exclude each other"));
 
     const bool withFormat = parser.isSet(formatOption);
+    // The format's numbers in full, before the format record narrows them to 16 bits.
+    if (withFormat) {
+        QString text = parser.value(formatOption).toLower();
+        text.replace(QLatin1Char(';'), QLatin1Char(',')).remove(QLatin1Char(' '));
+        const QByteArray options = text.toUtf8();
+        const QList<int> bits = engineResolutions();
+        struct Number
+        {
+            QList<const char*> keys;
+            qint64 low, high;
+            bool resolution;
+        };
+        const Number numbers[] = {
+            {{"sr", "samplerate", "rate"}, 10, 500000, false},
+            {{"nc", "nch", "numchannels", "channels"}, 1, 8, false},
+            {{"nbits", "numbits", "resolution"}, bits.first(), bits.last(), true}};
+        for (const Number& number : numbers)
+            for (const char* key : number.keys) {
+                if (!BLSTRING_KeyExistsInString(options.constData(), key))
+                    continue;
+                const qint64 v
+                    = BLSTRING_GetInteger64ValueFromString(options.constData(), key, INT64_MIN);
+                const bool fits = number.resolution ? bits.contains(v)
+                                                    : v >= number.low && v <= number.high;
+                if (!fits)
+                    return optionError("formats", formatOption,
+                        QStringLiteral("'%1'").arg(parser.value(formatOption)),
+                        QStringLiteral("%1 out of range (%2)")
+                            .arg(QLatin1String(key),
+                                number.resolution ? resolutionList()
+                                                  : QStringLiteral("%1\u2013%2")
+                                                        .arg(number.low)
+                                                        .arg(number.high)));
+            }
+    }
     const QSovaAudioFormat format(parser.value(formatOption));
     if (withFormat && (format.sampleRate() <= 0 || format.numChannels() <= 0))
         return usageError("formats",

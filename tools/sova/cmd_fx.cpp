@@ -2,6 +2,7 @@
 #include "audiopaths.h"
 #include "clipwarning.h"
 #include "command.h"
+#include "usage.h"
 #include "damage.h"
 #include "streamtools.h"
 
@@ -36,6 +37,9 @@ int runFx(const QStringList& arguments)
         return status;
     if (!parser.isSet(chainOption))
         return usageError("fx", QStringLiteral("needs --chain"));
+    const int usage = checkFormatOptions("fx", parser, {formatOption});
+    if (usage >= 0)
+        return usage;
     QStringList inputs {parser.positionalArguments().at(0)};
     const QString target = parser.positionalArguments().at(1);
     const int refused = prepareAudioPaths("fx", inputs, {target}, parser.isSet(formatOption));

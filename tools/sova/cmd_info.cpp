@@ -1,5 +1,6 @@
 #include "audiopaths.h"
 #include "command.h"
+#include "usage.h"
 #include "damage.h"
 
 #include <QFileInfo>
@@ -107,6 +108,13 @@ int runInfo(const QStringList& arguments)
         = parseCommand(infoCommand, parser, arguments, 1, QStringLiteral("needs a file"));
     if (status >= 0)
         return status;
+
+    // Usage errors stop the command before any file is shown.
+    int usage = checkPaths("info", parser.positionalArguments());
+    if (usage < 0)
+        usage = checkFormatOptions("info", parser, {formatOption});
+    if (usage >= 0)
+        return usage;
 
     int result = ExitOk;
     bool first = true;

@@ -1,3 +1,4 @@
+#include "audiopaths.h"
 #include "command.h"
 
 #include <QFileInfo>
@@ -45,6 +46,9 @@ int runIni(const QStringList& arguments)
         return status;
     const QStringList positional = parser.positionalArguments();
     const QString file = positional.at(0);
+    const int usage = checkPaths("ini", {file});
+    if (usage >= 0)
+        return usage;
     const QFileInfo info(file);
     const bool writing = positional.size() == 4;
 
@@ -62,7 +66,7 @@ int runIni(const QStringList& arguments)
     if (writing) {
         ini.setValue(positional.at(1), positional.at(2), typed(positional.at(3)));
         if (!ini.save())
-            return fail("ini", QStringLiteral("cannot write '%1'").arg(file));
+            return fail("ini", engineFailure(QStringLiteral("write"), file));
         return ExitOk;
     }
     if (positional.size() == 1) {

@@ -1,3 +1,4 @@
+#include "audiopaths.h"
 #include "command.h"
 
 #include <QDir>
@@ -50,7 +51,16 @@ int runSettings(const QStringList& arguments)
         return usageError(
             "settings", QStringLiteral("usage: sova settings %1").arg(QLatin1String(form->usage)));
 
+    int usage = checkPaths("settings", {file});
+    // The defaults are read from the system file: writing the user's values into it would
+    // turn defaults into values.
+    if (usage < 0 && (action == QLatin1String("set") || action == QLatin1String("reset")))
+        usage = refuseSameFiles("settings", {QLatin1String(kSystemFile)}, {file});
+    if (usage >= 0)
+        return usage;
     QFileInfo info(file);
+    if (info.isDir())
+        return fail("settings", QStringLiteral("cannot read '%1': it is a directory").arg(file));
     if (info.exists() && !info.isReadable())
         return fail("settings", QStringLiteral("cannot read '%1': permission denied").arg(file));
     QSovaSetting& settings = QSovaSetting::global();
@@ -85,7 +95,7 @@ int runSettings(const QStringList& arguments)
     if (!QDir().mkpath(QFileInfo(file).absolutePath()))
         return fail("settings", QStringLiteral("cannot create the folder of '%1'").arg(file));
     if (!settings.flush(true))
-        return fail("settings", QStringLiteral("cannot write '%1'").arg(file));
+        return fail("settings", engineFailure(QStringLiteral("write"), file));
     return ExitOk;
 }
 

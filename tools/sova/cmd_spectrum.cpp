@@ -4,6 +4,7 @@
 #include "command.h"
 #include "damage.h"
 #include "plot.h"
+#include "usage.h"
 
 #include <QFileInfo>
 
@@ -15,6 +16,7 @@ namespace {
 
 constexpr int kMinFft = 16;
 constexpr int kMaxFft = 1 << 20;
+constexpr int kMaxChannels = 8; // the engine's most
 
 // Frequency of a peak, refined by the parabola through the peak bin and its neighbours.
 double peakFrequency(const QVector<float>& levels, int bin, double binHz)
@@ -23,13 +25,6 @@ double peakFrequency(const QVector<float>& levels, int bin, double binHz)
     const double curvature = a - 2.0 * b + c;
     const double offset = curvature < 0.0 ? 0.5 * (a - c) / curvature : 0.0;
     return (bin + std::clamp(offset, -0.5, 0.5)) * binHz;
-}
-
-bool positiveInt(const QString& text, int low, int high, int* value)
-{
-    bool ok = false;
-    *value = text.toInt(&ok);
-    return ok && *value >= low && *value <= high;
 }
 
 int runSpectrum(const QStringList& arguments)
@@ -41,14 +36,15 @@ int runSpectrum(const QStringList& arguments)
         QStringLiteral("Analyse only BEGIN-END (seconds); repeatable."),
         QStringLiteral("BEGIN-END"));
     const QCommandLineOption fftOption(QStringLiteral("fft"),
-        QStringLiteral("FFT length, an even number (default 4096)."), QStringLiteral("N"));
+        QStringLiteral("FFT length, an even number from 16 to 1048576 (default 4096)."),
+        QStringLiteral("N"));
     const QCommandLineOption stepOption(QStringLiteral("step"),
-        QStringLiteral("Samples between frames (default half the FFT length)."),
+        QStringLiteral("Samples between frames, 1 to 1048576 (default half the FFT length)."),
         QStringLiteral("N"));
     const QCommandLineOption windowOption(QStringLiteral("window"),
         QStringLiteral("Analysis window, as 'sova windows' lists them."), QStringLiteral("NAME"));
     const QCommandLineOption channelOption(QStringLiteral("channel"),
-        QStringLiteral("Analyse only channel N (from 1; default every channel)."),
+        QStringLiteral("Analyse only channel N, 1 to 8 (default every channel)."),
         QStringLiteral("N"));
     const QCommandLineOption csvOption(QStringLiteral("csv"),
         QStringLiteral("Write the spectrum as CSV to OUT."), QStringLiteral("OUT"));
@@ -66,16 +62,21 @@ int runSpectrum(const QStringList& arguments)
         return status;
 
     SpectrumSettings settings;
-    if (parser.isSet(fftOption)
-        && (!positiveInt(parser.value(fftOption), kMinFft, kMaxFft, &settings.fftLength)
-            || settings.fftLength % 2 != 0))
-        return usageError("spectrum",
-            QStringLiteral("--fft takes an even number from %1 to %2").arg(kMinFft).arg(kMaxFft));
-    settings.step = settings.fftLength / 2;
-    if (parser.isSet(stepOption)
-        && !positiveInt(parser.value(stepOption), 1, kMaxFft, &settings.step))
-        return usageError(
-            "spectrum", QStringLiteral("--step takes a number from 1 to %1").arg(kMaxFft));
+    qint64 fft = settings.fftLength, step = 0, channel64 = 0;
+    int usage = integerOption("spectrum", parser, fftOption, kMinFft, kMaxFft, &fft);
+    if (usage < 0 && fft % 2 != 0)
+        usage = optionError("spectrum", fftOption, parser.value(fftOption),
+            QStringLiteral("not even (an even number, %1\u2013%2)").arg(kMinFft).arg(kMaxFft));
+    if (usage < 0)
+        usage = integerOption("spectrum", parser, stepOption, 1, kMaxFft, &step);
+    if (usage < 0)
+        usage = integerOption("spectrum", parser, channelOption, 1, kMaxChannels, &channel64);
+    if (usage < 0)
+        usage = checkFormatOptions("spectrum", parser, {formatOption});
+    if (usage >= 0)
+        return usage;
+    settings.fftLength = int(fft);
+    settings.step = step ? int(step) : settings.fftLength / 2;
     if (parser.isSet(windowOption)) {
         try {
             settings.window = QSovaFft::winTypeFromString(parser.value(windowOption));
@@ -85,10 +86,7 @@ int runSpectrum(const QStringList& arguments)
                     .arg(parser.value(windowOption)));
         }
     }
-    int channel = 0;
-    if (parser.isSet(channelOption)
-        && !positiveInt(parser.value(channelOption), 1, 1 << 16, &channel))
-        return usageError("spectrum", QStringLiteral("--channel takes a number from 1"));
+    const int channel = int(channel64);
     QSovaAudioSelectionList selections;
     QString error;
     if (!parseSelections(parser.values(selectionOption), &selections, &error))
@@ -192,5 +190,6 @@ const Command spectrumCommand
         "power. Levels are in dB relative to a full-scale sine (0 dB). Without --csv or --png it\n"
         "prints the strongest peaks of each channel; the CSV has a frequency column and one level\n"
         "column per channel; the PNG is a chart in Hz and dB, on a log frequency axis from 20 Hz\n"
-        "(a linear one for sample rates below 400 Hz).",
+        "(a linear one for sample rates below 400 Hz). Ranges: --fft an even number from 16 to\n"
+        "1048576, --step 1 to 1048576, --channel 1 to 8; others are usage errors (exit 2).",
         runSpectrum};

@@ -2,6 +2,7 @@
 #include "audiopaths.h"
 #include "clipwarning.h"
 #include "command.h"
+#include "usage.h"
 #include "damage.h"
 
 #include <QDateTime>
@@ -55,6 +56,8 @@ int runSplit(const QStringList& arguments)
     if (outputs.size() > 8)
         return usageError("split", QStringLiteral("at most 8 output files"));
     QStringList inputs(in);
+    if ((status = checkFormatOptions("split", parser, {formatOption()})) >= 0)
+        return status;
     if ((status = prepareAudioPaths("split", inputs, outputs, parser.isSet(formatOption()))) >= 0)
         return status;
     in = inputs.first();
@@ -136,6 +139,8 @@ int runJoin(const QStringList& arguments)
     const QString target = inputs.takeLast();
     if (inputs.size() > 8)
         return usageError("join", QStringLiteral("at most 8 input files"));
+    if ((status = checkFormatOptions("join", parser, {formatOption()})) >= 0)
+        return status;
     if ((status = prepareAudioPaths("join", inputs, {target}, parser.isSet(formatOption()))) >= 0)
         return status;
     // Name the unreadable input before the library gives up on all of them.

@@ -2,6 +2,7 @@
 #include "analysis.h"
 #include "audiopaths.h"
 #include "command.h"
+#include "usage.h"
 #include "damage.h"
 
 #include <QSova>
@@ -90,6 +91,9 @@ int runStats(const QStringList& arguments)
         = parseCommand(statsCommand, parser, arguments, 1, QStringLiteral("needs a file"), 1);
     if (status >= 0)
         return status;
+    const int usage = checkFormatOptions("stats", parser, {formatOption});
+    if (usage >= 0)
+        return usage;
     QSovaAudioSelectionList selections;
     QString error;
     if (!parseSelections(parser.values(selectionOption), &selections, &error))
