@@ -19,7 +19,9 @@
 #include <QVector>
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
+#include <cstring>
 
 namespace {
 
@@ -308,7 +310,10 @@ int runDemo(const QStringList& arguments)
         if (usage >= 0)
             return usage;
         if (!QDir().mkpath(dir))
-            return fail("demo", QStringLiteral("cannot create the folder '%1'").arg(dir));
+            return fail("demo",
+                QStringLiteral("cannot create the folder '%1': %2")
+                    .arg(dir, QFileInfo(dir).exists() ? QStringLiteral("a file is in the way")
+                                                      : QString::fromLocal8Bit(strerror(errno))));
     }
 
     const QVector<float> signal = testSignal();
