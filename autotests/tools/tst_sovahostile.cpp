@@ -46,16 +46,16 @@ class tst_SovaHostile : public QObject
     QMap<QString, QByteArray> snapshot() const
     {
         QMap<QString, QByteArray> entries;
-        QDirIterator it(m_dir.path(), QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden
-                | QDir::System,
+        QDirIterator it(m_dir.path(),
+            QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System,
             QDirIterator::Subdirectories);
         while (it.hasNext()) {
             const QString path = it.next();
             const QFileInfo info(path);
             QFile f(path);
             entries.insert(path,
-                info.isSymLink()            ? info.symLinkTarget().toUtf8()
-                    : info.isDir()          ? QByteArray()
+                info.isSymLink()                  ? info.symLinkTarget().toUtf8()
+                    : info.isDir()                ? QByteArray()
                     : f.open(QIODevice::ReadOnly) ? f.readAll()
                                                   : QByteArray("?"));
         }
@@ -139,8 +139,7 @@ private slots:
         row("no step", "spectrum a.wav --step 0", 2, "--step 0: out of range");
         row("channel wraps to 1", "spectrum a.wav --channel 65537", 2,
             "--channel 65537: out of range (1\u20138)");
-        row("endless selection",
-            "stats a.wav --selection 0-" + QString(400, QLatin1Char('9')), 2,
+        row("endless selection", "stats a.wav --selection 0-" + QString(400, QLatin1Char('9')), 2,
             "out of range (seconds, finite)");
         row("formats channels wrap", "formats --format sr=48000,nc=65537", 2,
             "--format 'sr=48000,nc=65537': nc out of range (1\u20138)");

@@ -312,8 +312,9 @@ int runDemo(const QStringList& arguments)
         if (!QDir().mkpath(dir))
             return fail("demo",
                 QStringLiteral("cannot create the folder '%1': %2")
-                    .arg(dir, QFileInfo(dir).exists() ? QStringLiteral("a file is in the way")
-                                                      : QString::fromLocal8Bit(strerror(errno))));
+                    .arg(dir,
+                        QFileInfo(dir).exists() ? QStringLiteral("a file is in the way")
+                                                : QString::fromLocal8Bit(strerror(errno))));
     }
 
     const QVector<float> signal = testSignal();

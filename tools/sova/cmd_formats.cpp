@@ -80,8 +80,7 @@ int runFormats(const QStringList& arguments)
             qint64 low, high;
             bool resolution;
         };
-        const Number numbers[] = {
-            {{"sr", "samplerate", "rate"}, 10, 500000, false},
+        const Number numbers[] = {{{"sr", "samplerate", "rate"}, 10, 500000, false},
             {{"nc", "nch", "numchannels", "channels"}, 1, 8, false},
             {{"nbits", "numbits", "resolution"}, bits.first(), bits.last(), true}};
         for (const Number& number : numbers)
@@ -90,8 +89,8 @@ int runFormats(const QStringList& arguments)
                     continue;
                 const qint64 v
                     = BLSTRING_GetInteger64ValueFromString(options.constData(), key, INT64_MIN);
-                const bool fits = number.resolution ? bits.contains(v)
-                                                    : v >= number.low && v <= number.high;
+                const bool fits
+                    = number.resolution ? bits.contains(v) : v >= number.low && v <= number.high;
                 if (!fits)
                     return optionError("formats", formatOption,
                         QStringLiteral("'%1'").arg(parser.value(formatOption)),

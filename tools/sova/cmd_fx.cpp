@@ -2,9 +2,9 @@
 #include "audiopaths.h"
 #include "clipwarning.h"
 #include "command.h"
-#include "usage.h"
 #include "damage.h"
 #include "streamtools.h"
+#include "usage.h"
 
 #include <QDateTime>
 #include <QFile>

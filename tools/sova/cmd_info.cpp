@@ -1,7 +1,7 @@
 #include "audiopaths.h"
 #include "command.h"
-#include "usage.h"
 #include "damage.h"
+#include "usage.h"
 
 #include <QFileInfo>
 #include <QSovaAudioFile>

@@ -2,8 +2,8 @@
 #include "audiopaths.h"
 #include "clipwarning.h"
 #include "command.h"
-#include "usage.h"
 #include "damage.h"
+#include "usage.h"
 
 #include <QDateTime>
 #include <QFileInfo>

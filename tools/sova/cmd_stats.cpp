@@ -2,8 +2,8 @@
 #include "analysis.h"
 #include "audiopaths.h"
 #include "command.h"
-#include "usage.h"
 #include "damage.h"
+#include "usage.h"
 
 #include <QSova>
 #include <QSovaAudioFormat>

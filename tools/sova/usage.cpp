@@ -18,8 +18,8 @@ bool isDigits(const QString& text)
 
 } // namespace
 
-int optionError(const char* command, const QCommandLineOption& option, const QString& value,
-    const QString& why)
+int optionError(
+    const char* command, const QCommandLineOption& option, const QString& value, const QString& why)
 {
     out().flush();
     err() << "sova: --" << option.names().last() << ' ' << value << ": " << why << Qt::endl
@@ -74,7 +74,8 @@ QString resolutionList()
     for (int b : engineResolutions())
         parts.append(QString::number(b));
     const QString last = parts.isEmpty() ? QString() : parts.takeLast();
-    return parts.isEmpty() ? last : parts.join(QStringLiteral(", ")) + QStringLiteral(" or ") + last;
+    return parts.isEmpty() ? last
+                           : parts.join(QStringLiteral(", ")) + QStringLiteral(" or ") + last;
 }
 
 int resolutionOption(const char* command, const QCommandLineParser& parser,
@@ -87,16 +88,16 @@ int resolutionOption(const char* command, const QCommandLineParser& parser,
     const qint64 v = text.trimmed().toLongLong(&ok, 10);
     if (!ok || !engineResolutions().contains(v))
         return optionError(command, option, text,
-            QStringLiteral("%1 (%2)")
-                .arg(ok || isDigits(text) ? QStringLiteral("out of range")
-                                          : QStringLiteral("not a whole number"),
-                    resolutionList()));
+            QStringLiteral("%1 (%2)").arg(ok || isDigits(text)
+                    ? QStringLiteral("out of range")
+                    : QStringLiteral("not a whole number"),
+                resolutionList()));
     *value = v;
     return -1;
 }
 
-int checkFormatOptions(const char* command, const QCommandLineParser& parser,
-    const QList<QCommandLineOption>& options)
+int checkFormatOptions(
+    const char* command, const QCommandLineParser& parser, const QList<QCommandLineOption>& options)
 {
     for (const QCommandLineOption& option : options) {
         if (!parser.isSet(option))
@@ -121,8 +122,7 @@ int checkFmtConvSuffixes(const char* command, const QStringList& inputs)
         if (at < 0)
             continue;
         const QString rest = input.mid(at + 8);
-        const bool bracketed
-            = rest.startsWith(QLatin1Char('[')) && rest.endsWith(QLatin1Char(']'));
+        const bool bracketed = rest.startsWith(QLatin1Char('[')) && rest.endsWith(QLatin1Char(']'));
         if (!rest.isEmpty() && !bracketed)
             continue; // part of the name, as the engine reads it
         if (AUDIO_CheckFormatString(rest.isEmpty() ? "" : rest.toUtf8().constData()))
@@ -131,8 +131,8 @@ int checkFmtConvSuffixes(const char* command, const QStringList& inputs)
         const QString head = QStringLiteral("format '%1': ").arg(rest);
         if (reason.startsWith(head))
             reason = reason.mid(head.size());
-        return usageError(command,
-            QStringLiteral("'%1': bad :fmtconv suffix: %2").arg(input, reason));
+        return usageError(
+            command, QStringLiteral("'%1': bad :fmtconv suffix: %2").arg(input, reason));
     }
     return -1;
 }

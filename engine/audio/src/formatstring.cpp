@@ -94,8 +94,7 @@ const char* optionListProblem(const std::string& list)
         if (valued) {
             if (!named)
                 return "an option without a name";
-            for (++i; i < n && blank(list[i]); ++i) {
-            }
+            for (++i; i < n && blank(list[i]); ++i) { }
             if (i < n && (list[i] == '"' || list[i] == '\'')) {
                 const char quote = list[i++];
                 while (i < n && list[i] != quote)

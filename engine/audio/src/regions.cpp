@@ -480,8 +480,8 @@ bool formatCue(const char* path, const _audio_region* regions, int32_t count, co
     const std::string file = audioFile ? std::string(audioFile) : defaultAudioFile(path);
     if (BLIO_NamesMemoryAddress(file.c_str())) {
         setError(BLERR_INVALID_ARGUMENT,
-            "'%s': the audio file '%s' names a memory address; a CUE sheet needs a file name",
-            path, file.c_str());
+            "'%s': the audio file '%s' names a memory address; a CUE sheet needs a file name", path,
+            file.c_str());
         return false;
     }
     if (!validUtf8(file.data(), file.size()) || hasLineBreak(file.c_str())) {
