@@ -6,6 +6,9 @@
 #include <QSovaSetting>
 #include <QStandardPaths>
 
+#include <cerrno>
+#include <cstring>
+
 namespace {
 
 const char kSystemFile[] = "/etc/sova/settings.conf";
@@ -93,7 +96,9 @@ int runSettings(const QStringList& arguments)
                 "settings", QStringLiteral("'%1' has no value of its own in '%2'").arg(key, file));
     }
     if (!QDir().mkpath(QFileInfo(file).absolutePath()))
-        return fail("settings", QStringLiteral("cannot create the folder of '%1'").arg(file));
+        return fail("settings",
+            QStringLiteral("cannot create the folder of '%1': %2")
+                .arg(file, QString::fromLocal8Bit(std::strerror(errno))));
     if (!settings.flush(true))
         return fail("settings", engineFailure(QStringLiteral("write"), file));
     return ExitOk;
