@@ -10,11 +10,11 @@
 #include <cstring>
 #include <vector>
 
-// The probe asks encoders for combinations they refuse, on purpose; libvorbisenc and LAME leak
-// their set-up state when they refuse. The leaks are theirs and bounded per refused open.
+// libvorbisenc loses one setup block per 6-channel encoder at 44.1 to 64 kHz, which the
+// writers probe writes; it does so for every such file written, not only here.
 extern "C" __attribute__((visibility("default"), used)) const char* __lsan_default_suppressions()
 {
-    return "leak:vorbis_encode_setup_init\nleak:lame_init\n";
+    return "leak:vorbis_encode_setup_init\n";
 }
 
 namespace {

@@ -179,7 +179,10 @@ private slots:
             return;
         File back(AUDIO_LoadFileEx2(path(name).toUtf8(), format.toUtf8(), 0, 0, 0));
         QVERIFY2(back, qPrintable(lastError()));
-        QVERIFY(AUDIO_Length(back.get()) <= 0);
+        // Ogg's length comes from its last granule, which is not 0 for a stream that holds
+        // only its headers: what reads back is what counts.
+        std::vector<float> block(size_t(1024) * size_t(std::max<int>(got.numChannels, 1)));
+        QCOMPARE(AUDIO_ReadIEEEFloat(back.get(), block.data(), 1024), int64_t(0));
     }
 
     // A float source saved with no codec named stays float where the container stores float.

@@ -9,13 +9,6 @@
 #include <memory>
 #include <vector>
 
-// libsndfile leaks the Vorbis header state when an Ogg file breaks off inside its headers
-// (damaged() makes such files); the leak is theirs and bounded per open.
-extern "C" __attribute__((visibility("default"), used)) const char* __lsan_default_suppressions()
-{
-    return "leak:vorbis_info_init\n";
-}
-
 namespace {
 
 enum Check { Exact, MaxError, Snr };

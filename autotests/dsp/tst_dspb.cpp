@@ -219,10 +219,13 @@ private slots:
         QFETCH(QVector<int>, lengths);
         std::atomic<int> failures{0};
         std::vector<std::thread> running;
+        // Read only through a const reference: the non-const operator[] would detach the
+        // vector (it shares its data with the test table) from every thread at once.
+        const QVector<int>& sizes = lengths;
         for (int t = 0; t < threads; ++t) {
-            running.emplace_back([&failures, &lengths, t] {
+            running.emplace_back([&failures, &sizes, t] {
                 for (int i = 0; i < 100; ++i) {
-                    DSPB_FFTPROC* proc = DSPB_FFTProcCreate(lengths[(t + i) % lengths.size()]);
+                    DSPB_FFTPROC* proc = DSPB_FFTProcCreate(sizes.at((t + i) % sizes.size()));
                     failures += !proc || !sineSpectrumOk(proc, 16 * (t + 1) + i % 8);
                     DSPB_FFTProcDestroy(proc);
                 }

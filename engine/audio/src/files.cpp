@@ -122,6 +122,21 @@ bool ffmpegReadsBetter(uint32_t container)
         || container == AUDIO_CONTAINER_OGG_VORBIS || container == AUDIO_CONTAINER_OGG_OPUS;
 }
 
+bool isOgg(uint32_t container)
+{
+    return container == AUDIO_CONTAINER_OGG_VORBIS || container == AUDIO_CONTAINER_OGG_OPUS
+        || container == AUDIO_CONTAINER_OGG_OTHER;
+}
+
+// libsndfile leaks the Vorbis header state (about 6 KB) of every Ogg stream whose headers it
+// cannot parse, so an Ogg stream FFmpeg has just failed on goes to it only when FFmpeg read
+// the headers and declined the stream (Opus headed 8 to 24 kHz, which libsndfile keeps at its
+// rate). Call right after FFmpeg failed.
+bool sndfileMayRetryOgg()
+{
+    return BLERROR_LastCode() == AUDIOERR_UNSUPPORTED;
+}
+
 std::string extensionOf(const std::string& path)
 {
     const size_t slash = path.find_last_of("/\\");
@@ -410,6 +425,8 @@ std::unique_ptr<Reader> openReader(
         if (ffmpegReadsBetter(request.container)) {
             if (auto reader = openFfmpegReader(io, path, request))
                 return reader;
+            if (isOgg(request.container) && !sndfileMayRetryOgg())
+                return nullptr;
             if (!BLIO_Seek(io, 0, BLIO_SEEK_SET))
                 return nullptr;
         }
@@ -421,7 +438,8 @@ std::unique_ptr<Reader> openReader(
         // A codec alone: look in its container first, then let the content decide.
         FormatRequest withContainer = request;
         withContainer.container = containerForCodec(request.coder);
-        if (sndfileReads(withContainer.container))
+        // Ogg is left to the content test below, which tries FFmpeg first.
+        if (sndfileReads(withContainer.container) && !isOgg(withContainer.container))
             if (auto reader = openSndfileReader(io, path, withContainer))
                 return reader;
         if (!BLIO_Seek(io, 0, BLIO_SEEK_SET))
@@ -438,6 +456,8 @@ std::unique_ptr<Reader> openReader(
             || !std::memcmp(magic, "ID3", 3) || (magic[0] == 0xFF && (magic[1] & 0xE0) == 0xE0))) {
         if (auto reader = openFfmpegReader(io, path, request))
             return reader;
+        if (!std::memcmp(magic, "OggS", 4) && !sndfileMayRetryOgg())
+            return nullptr;
         if (!BLIO_Seek(io, 0, BLIO_SEEK_SET))
             return nullptr;
     }

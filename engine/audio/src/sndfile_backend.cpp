@@ -76,6 +76,10 @@ constexpr int kMaxChannels = 8;
 
 // Rates the Opus encoder takes.
 constexpr int32_t kOpusRates[] = {8000, 12000, 16000, 24000, 48000};
+// Rates of MPEG-1, 2 and 2.5, the only ones LAME encodes.
+constexpr int32_t kMp3Rates[] = {8000, 11025, 12000, 16000, 22050, 24000, 32000, 44100, 48000};
+// libvorbisenc's highest rate.
+constexpr int32_t kVorbisMaxRate = 200000;
 
 // libsndfile's containers with the engine's codes; several majors share a code (the engine has
 // no codes for SVX, PVF, XI, SDS, WVE and SD2: they read as raw), the first entry of a code is
@@ -876,6 +880,16 @@ bool SndfileWriter::open(const FormatRequest& request, const _audio_format& fmt)
             fmt.numChannels);
     if (subtype == SF_FORMAT_MPEG_LAYER_III && fmt.numChannels > 2)
         return refuse("MP3 stores 1 or 2 channels, not %d", fmt.numChannels);
+    // Refused here, before the encoders see them: LAME keeps its whole state (about 200 KB)
+    // when libsndfile refuses its rate, and libvorbisenc refuses only at the first samples.
+    if (subtype == SF_FORMAT_MPEG_LAYER_III
+        && std::find(std::begin(kMp3Rates), std::end(kMp3Rates), fmt.sampleRate)
+            == std::end(kMp3Rates))
+        return refuse("MP3 encodes at 8000, 11025, 12000, 16000, 22050, 24000, 32000, 44100 or "
+                      "48000 Hz, not %d Hz",
+            fmt.sampleRate);
+    if (subtype == SF_FORMAT_VORBIS && fmt.sampleRate > kVorbisMaxRate)
+        return refuse("Vorbis encodes at up to %d Hz, not %d Hz", kVorbisMaxRate, fmt.sampleRate);
 
     SF_INFO sfi {};
     sfi.samplerate = fmt.sampleRate;
