@@ -210,7 +210,7 @@ int runConvert(const QStringList& arguments)
         if (bits)
             format.setResolution(bits);
         if (!format.isValid())
-            return fail("convert",
+            return usageError("convert",
                 QStringLiteral("%1 Hz, %2 channels, %3 bits is not a format "
                                "the engine can write")
                     .arg(format.sampleRate())
@@ -227,8 +227,11 @@ int runConvert(const QStringList& arguments)
                 channels ? QStringLiteral("--channels asks for") : QStringLiteral("the source has"),
                 rate ? QStringLiteral("--rate asks for") : QStringLiteral("the source is at"),
                 QStringLiteral("--bits asks for"));
+        // What an option asked for is the user's to change (a usage error); what the source
+        // holds is not.
         if (!reason.isEmpty())
-            return fail("convert", reason);
+            return reason.contains(QLatin1String("asks for")) ? usageError("convert", reason)
+                                                              : fail("convert", reason);
     }
 
     // Damage is known once the source has been read: --strict reads it through first, so
