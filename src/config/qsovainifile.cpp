@@ -150,8 +150,9 @@ QVariant QSovaIniFile::value(const QString& section, const QString& key,
 
 void QSovaIniFile::setValue(const QString& section, const QString& key, const QVariant& value)
 {
-    if (!d->ini)
-        d->ini = BLINIFILE_Create(nullptr);
+    if (!d->ini) // named, so that a save applies this value to a file made meanwhile
+        d->ini
+            = BLINIFILE_Create(d->fileName.isEmpty() ? nullptr : d->fileName.toUtf8().constData());
     const QByteArray s = section.toUtf8();
     const QByteArray k = key.toUtf8();
     switch (value.type()) {

@@ -69,56 +69,7 @@ bool equalsNoCase(std::string_view a, std::string_view b)
 // Offset of the first byte that is not valid UTF-8 (NUL counts as invalid here), or npos.
 size_t invalidUtf8At(std::string_view s, bool* nul)
 {
-    const auto* p = reinterpret_cast<const unsigned char*>(s.data());
-    const size_t n = s.size();
-    size_t i = 0;
-    *nul = false;
-    while (i < n) {
-        // Plain ASCII eight bytes at a time; NUL bytes fall through to the careful path.
-        while (i + 8 <= n) {
-            uint64_t word;
-            std::memcpy(&word, p + i, 8);
-            const uint64_t high = word & 0x8080808080808080ull;
-            const uint64_t zero = (word - 0x0101010101010101ull) & ~word & 0x8080808080808080ull;
-            if (high | zero)
-                break;
-            i += 8;
-        }
-        if (i >= n)
-            break;
-        const unsigned char c = p[i];
-        if (c == 0) {
-            *nul = true;
-            return i;
-        }
-        if (c < 0x80) {
-            ++i;
-            continue;
-        }
-        size_t length;
-        uint32_t min;
-        uint32_t code;
-        if ((c & 0xE0) == 0xC0) {
-            length = 2, min = 0x80, code = c & 0x1F;
-        } else if ((c & 0xF0) == 0xE0) {
-            length = 3, min = 0x800, code = c & 0x0F;
-        } else if ((c & 0xF8) == 0xF0) {
-            length = 4, min = 0x10000, code = c & 0x07;
-        } else {
-            return i;
-        }
-        if (i + length > n)
-            return i;
-        for (size_t k = 1; k < length; ++k) {
-            if ((p[i + k] & 0xC0) != 0x80)
-                return i;
-            code = (code << 6) | (p[i + k] & 0x3F);
-        }
-        if (code < min || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF))
-            return i;
-        i += length;
-    }
-    return std::string_view::npos;
+    return sova::firstNonText(s, nul);
 }
 
 bool isUtf8(std::string_view s)
@@ -556,6 +507,13 @@ struct BLINIFILE
     std::unordered_map<std::string, uint32_t> sectionIndex;
     bool bom = false;
     bool finalNewline = true;
+    // Values written since the file was read or last saved, in order: section, key, text.
+    // Saving to the handle's own file applies these to the file as it is then.
+    struct Write
+    {
+        std::string section, key, value;
+    };
+    std::vector<Write> writes;
 
     BLINIFILE()
     {
@@ -833,6 +791,7 @@ int32_t writeValue(BLINIFILE* ini, const char* section, const char* key, const s
         return 0;
     }
     ini->write(sectionName, keyName, value);
+    ini->writes.push_back({std::string(sectionName), std::string(keyName), value});
     return 1;
 }
 
@@ -876,6 +835,47 @@ bool readThroughLayer(const char* path, std::string& content)
         content.append(block, static_cast<size_t>(n));
     }
     BLIO_CloseFile(file);
+    return true;
+}
+
+// Saves to a local file under the lock its writers share. To the handle's own file, the file
+// as it is now gets the handle's writes since it was read (others may have changed it since);
+// to another file, the handle's content as it stands. A file there that is not text is never
+// replaced.
+bool saveLocal(BLINIFILE* ini, const char* path, const std::string& local)
+{
+    sova::FileLock lock;
+    if (!lock.acquire(local))
+        return false;
+    std::string content;
+    const int32_t code = BLERROR_LastCode();
+    const std::string message = BLERROR_LastMessage();
+    const bool exists = sova::readWholeFile(local, content);
+    if (!exists && BLERROR_LastCode() != BLERR_NOT_FOUND)
+        return false;
+    if (!exists) // a new file: nothing failed
+        code == BLERR_NONE ? BLERROR_Clear() : BLERROR_Set(code, "%s", message.c_str());
+    bool nul = false;
+    const size_t bad = exists ? invalidUtf8At(content, &nul) : std::string::npos;
+    if (bad != std::string::npos) {
+        BLERROR_Set(BLERR_PARSE, "'%s' is not an ini file (%s at byte %zu): not replaced", path,
+            nul ? "NUL byte" : "invalid UTF-8", bad);
+        return false;
+    }
+    std::string text;
+    if (ini->fileName == path) {
+        BLINIFILE current;
+        current.load(std::move(content));
+        for (const BLINIFILE::Write& w : ini->writes)
+            current.write(w.section, w.key, w.value);
+        text = current.serialise();
+    } else {
+        text = ini->serialise();
+    }
+    if (!sova::writeFileAtomically(local, text, 0644))
+        return false;
+    if (ini->fileName == path)
+        ini->writes.clear();
     return true;
 }
 
@@ -924,10 +924,10 @@ int32_t BLINIFILE_Save(BLINIFILE* ini, const char* path)
         BLERROR_Set(BLERR_INVALID_ARGUMENT, "ini file: null or empty path");
         return 0;
     }
-    const std::string text = ini->serialise();
     std::string_view local;
     if (isLocal(path, &local))
-        return sova::writeFileAtomically(std::string(local), text, 0644) ? 1 : 0;
+        return saveLocal(ini, path, std::string(local)) ? 1 : 0;
+    const std::string text = ini->serialise();
     _HFile* file = BLIO_Open(path, "w");
     if (!file)
         return 0;

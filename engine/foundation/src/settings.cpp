@@ -33,8 +33,11 @@ struct _BLSETTINGS {
     std::string systemFile;
     std::array<unsigned char, crypto_secretbox_KEYBYTES> secretKey{};
     bool haveSecretKey = false;
-    bool dirty = false;       // values differ from what the user's file last held
-    uint64_t generation = 0;  // counts changes of the values
+    // The store's own changes of values since the user's file was read or written: the new
+    // text, or none for a value dropped. A flush applies only these to the file as it is then,
+    // so that writers of other keys in other processes keep theirs.
+    std::map<std::string, std::optional<std::string>> pending;
+    std::string refusal;      // why the named user's file was not taken on, "" when it was
     std::mutex flushLock;     // one writer of the user's file at a time, in order
 
     ~_BLSETTINGS()
@@ -369,12 +372,20 @@ std::string formatLines(const char* title, const TextMap& values)
     return out;
 }
 
-// Reads a settings file into lines. A missing file reads as empty; false on other failures.
+// Reads a settings file into lines. A missing file reads as empty; false on other failures,
+// among them a file that is not text (audio, an image): no save may replace such a file.
 bool readSettingsFile(const std::string& path, TextMap& lines, std::string_view prefix = {})
 {
     std::string content;
     if (!sova::readWholeFile(path, content))
         return BLERROR_LastCode() == BLERR_NOT_FOUND;
+    bool nul = false;
+    const size_t bad = sova::firstNonText(content, &nul);
+    if (bad != std::string::npos) {
+        BLERROR_Set(BLERR_PARSE, "'%s' is not a settings file (%s at byte %zu)", path.c_str(),
+                    nul ? "NUL byte" : "invalid UTF-8", bad);
+        return false;
+    }
     lines = parseLines(content, prefix);
     return true;
 }
@@ -519,8 +530,7 @@ void put(Store& store, const std::string& key, const std::string& text, bool asD
         entry.fallback = text;
     } else if (entry.value != text) {
         entry.value = text;
-        store.dirty = true;
-        ++store.generation;
+        store.pending[key] = text;
     }
 }
 
@@ -550,11 +560,14 @@ bool configure(Store& store, const char* userFile, const char* systemFile)
     if (!system.empty())
         ok = readSettingsFile(system, defaults) && ok;
     bool userRead = true;
+    std::string refusal;
     if (!user.empty()) {
         userRead = readSettingsFile(user, values);
         ok = userRead && ok;
         if (userRead)
             readSecrets(user, key, haveKey, secrets);
+        else
+            refusal = BLERROR_LastMessage();
     }
 
     std::unique_lock<std::shared_mutex> locked(store.lock);
@@ -567,15 +580,15 @@ bool configure(Store& store, const char* userFile, const char* systemFile)
     // A user file that exists but cannot be read is not taken on (a flush would replace it
     // with only what the store holds); the store is then tied to no file at all.
     store.userFile = userRead ? user : std::string();
+    store.refusal = refusal;
     store.secretKey = key;
     store.haveSecretKey = haveKey;
     store.systemFile = system;
-    // Dirty only when the store holds values the user's file lacks.
-    size_t held = 0;
-    for (const auto& entry : store.entries)
-        held += entry.second.value ? 1 : 0;
-    store.dirty = held != values.size();
-    ++store.generation;
+    // What the store holds beyond the user's file is its own change to that file.
+    store.pending.clear();
+    for (const auto& [name, entry] : store.entries)
+        if (entry.value && !values.count(name))
+            store.pending.emplace(name, entry.value);
     sodium_memzero(key.data(), key.size());
     for (auto& secret : secrets)
         sodium_memzero(secret.second.data(), secret.second.size());
@@ -677,8 +690,7 @@ int32_t BLSETTINGS_ResetValueEx(_BLSETTINGS* settings, const char* key)
         it->second.value.reset();
         if (!it->second.fallback)
             store.entries.erase(it);
-        store.dirty = true;
-        ++store.generation;
+        store.pending[name].reset();
         return 1;
     });
 }
@@ -690,10 +702,8 @@ int32_t BLSETTINGS_DeleteEx(_BLSETTINGS* settings, const char* key)
         bool dropped = false;
         const auto it = store.entries.find(name);
         if (it != store.entries.end()) {
-            if (it->second.value) {
-                store.dirty = true;
-                ++store.generation;
-            }
+            if (it->second.value)
+                store.pending[name].reset();
             store.entries.erase(it);
             dropped = true;
         }
@@ -819,29 +829,60 @@ int32_t BLSETTINGS_FlushEx(_BLSETTINGS* settings, int32_t force)
         Store& store = resolve(settings);
         // Flushes run one after the other, so a later snapshot never loses to an earlier one.
         std::lock_guard<std::mutex> flushing(store.flushLock);
-        std::string path, content;
-        uint64_t generation = 0;
+        std::string path;
+        std::map<std::string, std::optional<std::string>> changes;
         {
             std::shared_lock<std::shared_mutex> locked(store.lock);
             if (store.userFile.empty()) {
-                BLERROR_Set(BLERR_INVALID_ARGUMENT, "the settings store has no file to write");
+                if (store.refusal.empty())
+                    BLERROR_Set(BLERR_INVALID_ARGUMENT, "the settings store has no file to write");
+                else
+                    BLERROR_Set(BLERR_WRITE_FAILED, "%s: not replaced", store.refusal.c_str());
                 return 0;
             }
-            if (!force && !store.dirty)
+            if (!force && store.pending.empty())
                 return 1;
-            TextMap values;
-            for (const auto& [name, entry] : store.entries)
-                if (entry.value)
-                    values.emplace(name, *entry.value);
             path = store.userFile;
-            content = formatLines("# sova settings\n", values);
-            generation = store.generation;
+            changes = store.pending;
         }
-        if (!sova::writeFileAtomically(path, content, 0644))
+        // Other processes write the same file: under its lock, the file as it is now with this
+        // store's own changes on top.
+        sova::FileLock fileLock;
+        if (!fileLock.acquire(path))
             return 0;
+        TextMap values;
+        if (!readSettingsFile(path, values))
+            return 0;
+        for (const auto& [name, text] : changes) {
+            if (text)
+                values[name] = *text;
+            else
+                values.erase(name);
+        }
+        if (!sova::writeFileAtomically(path, formatLines("# sova settings\n", values), 0644))
+            return 0;
+        // The store now reads what the file holds, except where it changed again meanwhile.
         std::unique_lock<std::shared_mutex> locked(store.lock);
-        if (store.generation == generation && store.userFile == path)
-            store.dirty = false;
+        if (store.userFile != path)
+            return 1;
+        for (const auto& [name, text] : changes) {
+            const auto it = store.pending.find(name);
+            if (it != store.pending.end() && it->second == text)
+                store.pending.erase(it);
+        }
+        for (auto it = store.entries.begin(); it != store.entries.end();) {
+            if (it->second.value && !values.count(it->first) && !store.pending.count(it->first)) {
+                it->second.value.reset();
+                if (!it->second.fallback) {
+                    it = store.entries.erase(it);
+                    continue;
+                }
+            }
+            ++it;
+        }
+        for (const auto& [name, text] : values)
+            if (!store.pending.count(name))
+                store.entries[name].value = text;
         return 1;
     });
 }

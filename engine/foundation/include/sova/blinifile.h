@@ -34,8 +34,15 @@
  * malformed line. Floating values are written with a ".0" when they would read as integers.
  *
  * Saving writes to a temporary file beside the target, syncs it and renames it over the
- * target, for local paths; a crash leaves the old file or the new one. Through other schemes
- * the file is written in place. Not thread-safe: one thread at a time per handle. */
+ * target, for local paths; a crash leaves the old file or the new one, and no temporary file
+ * where the file system supports unnamed files. Through other schemes the file is written in
+ * place. A local save holds an advisory lock (flock on ".NAME.lock", left beside the file) for
+ * at most a few seconds' wait, and fails with "'NAME' is locked by another writer" past that.
+ * Saved to its own file (the path it was opened from, or the name given to Create), a handle
+ * applies the values written through it since it was read or last saved to the file as it is
+ * then, so concurrent writers of other keys keep theirs; the handle itself keeps what it read.
+ * Saved elsewhere, it writes its content as it stands. A file that is not text (a NUL byte,
+ * invalid UTF-8) is never replaced. Not thread-safe: one thread at a time per handle. */
 #ifndef SOVA_BLINIFILE_H
 #define SOVA_BLINIFILE_H
 
