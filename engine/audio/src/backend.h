@@ -160,9 +160,18 @@ const char* containerMimeType(uint32_t container);
 // True when a path names a scheme ("qfile://...", "hfile://..."): such targets are written in
 // place; plain paths are written beside the target and renamed into place.
 bool hasScheme(const std::string& path);
-// Creates "<dir>/.<name>.sova-XXXXXX" beside a plain target, with the target's mode or the
-// mode a plain create would give; "" with the reason recorded on failure.
+// A new file beside a plain target to write it through: unnamed (O_TMPFILE, opened by the
+// path returned) where the file system has them, so that nothing is left behind whatever
+// ends the process; else "<dir>/.<name>.sova-XXXXXX". It gets the target's mode, or the mode
+// a plain create would give. "" with the reason recorded on failure.
 std::string makeTempBeside(const std::string& target);
+// The unnamed kind of the above, or "" when the file system or the system lacks it.
+std::string makeUnnamedBeside(const std::string& target);
+// Puts a temporary in place of target: syncs its data, renames it (or names it) over target
+// and syncs the directory. false, recorded, on failure: the temporary is then still to drop.
+bool commitTemporary(const std::string& temp, const std::string& target);
+// Drops a temporary that is not committed; the error slot is kept.
+void discardTemporary(const std::string& temp);
 
 // Where a file written to path goes (outputs.cpp). Standard output ("-"), devices, FIFOs and
 // sockets are written in place and never removed (stream); a symbolic link is kept and the

@@ -309,6 +309,10 @@ bool hasScheme(const std::string& path)
 // would give (or the target's own); "" with the reason recorded on failure.
 std::string makeTempBeside(const std::string& target)
 {
+    // An unnamed file where the file system has them: nothing to leave behind.
+    const std::string unnamed = makeUnnamedBeside(target);
+    if (!unnamed.empty())
+        return unnamed;
     const size_t slash = target.rfind('/');
     const std::string dir
         = slash == std::string::npos ? std::string() : target.substr(0, slash + 1);
@@ -773,8 +777,6 @@ void refuseSize(const std::string& path, uint32_t container, double bytes)
         gib ? "GiB" : "bytes", gib ? bytes / 1073741824.0 : bytes, gib ? "GiB" : "bytes");
 }
 
-void removeQuietly(const std::string& path);
-
 uint32_t littleEndian32(const unsigned char* p)
 {
     return p[0] | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
@@ -874,15 +876,13 @@ bool switchToRf64(AUDIOFILE* file)
         writer.reset();
         if (io)
             BLIO_CloseFile(io);
-        BLIO_RemoveFile(next.c_str());
-        releaseTemporary(next);
+        discardTemporary(next);
         error.restore();
         return false;
     }
     file->writer.reset();
     BLIO_CloseFile(file->io);
-    removeQuietly(file->tempPath);
-    releaseTemporary(file->tempPath);
+    discardTemporary(file->tempPath);
     file->io = io;
     file->writer = std::move(writer);
     file->tempPath = next;
@@ -1113,15 +1113,6 @@ bool resolveWriteFormat(
 // Damage met in the last file the thread closed after reading it (the source of a conversion).
 thread_local AUDIO_DamageReport lastConversionDamage {0, 0, -1.0, 0.0, 0};
 
-void removeQuietly(const std::string& path)
-{
-    int32_t code = BLERROR_LastCode();
-    std::string message = BLERROR_LastMessage();
-    BLIO_RemoveFile(path.c_str());
-    if (code != BLERR_NONE)
-        BLERROR_Set(code, "%s", message.c_str());
-}
-
 } // namespace
 
 extern "C" {
@@ -1215,10 +1206,7 @@ AUDIOFILE* AUDIO_CreateFileEx2(const char* pathText, const char* format, const _
     // away fails the write instead of leaving it blocked.
     file->io = BLIO_Open(where.c_str(), file->stream ? "wo" : "w");
     if (!file->io) {
-        if (!file->tempPath.empty()) {
-            removeQuietly(file->tempPath);
-            releaseTemporary(file->tempPath);
-        }
+        discardTemporary(file->tempPath);
         delete file;
         return nullptr;
     }
@@ -1256,9 +1244,10 @@ AUDIOFILE* AUDIO_CreateFileEx2(const char* pathText, const char* format, const _
         error.save();
         BLIO_CloseFile(file->io);
         file->io = nullptr;
-        if (!file->stream && !file->keepTarget)
+        if (!file->tempPath.empty())
+            discardTemporary(file->tempPath);
+        else if (!file->stream && !file->keepTarget)
             BLIO_RemoveFile(where.c_str());
-        releaseTemporary(file->tempPath);
         destroy(file);
         error.restore();
         return nullptr;
@@ -1488,13 +1477,12 @@ int32_t AUDIO_CloseFile(AUDIOFILE* file)
     }
     file->io = nullptr;
     if (!file->tempPath.empty()) {
-        if (ok && !BLIO_RenameFile(file->tempPath.c_str(), file->target.c_str())) {
+        if (ok && !commitTemporary(file->tempPath, file->target)) {
             ok = false;
             error.save();
         }
         if (!ok)
-            BLIO_RemoveFile(file->tempPath.c_str());
-        releaseTemporary(file->tempPath);
+            discardTemporary(file->tempPath);
     } else if (!ok && !file->stream && !file->keepTarget) {
         BLIO_RemoveFile(file->target.c_str());
     }

@@ -8,8 +8,12 @@
 #include <atomic>
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -37,6 +41,86 @@ std::string directoryOf(const std::string& path)
 {
     const size_t slash = path.rfind('/');
     return slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
+}
+
+// Unnamed temporaries (O_TMPFILE) are opened by the path "/proc/self/fd/N" of a descriptor
+// held here until the file is named or dropped: every opener (the I/O layer, and through it
+// libsndfile and FFmpeg) takes a path, and a reopened descriptor of such a file is the same
+// file. Closing the last descriptor frees it, however the process ends.
+constexpr char kProcFd[] = "/proc/self/fd/";
+std::mutex unnamedLock;
+std::set<int> unnamedFds;
+
+std::string procPath(int fd)
+{
+    return kProcFd + std::to_string(fd);
+}
+
+// The descriptor behind an unnamed temporary's path, or -1 for a named one.
+int unnamedFd(const std::string& temp)
+{
+    if (temp.compare(0, sizeof kProcFd - 1, kProcFd) != 0)
+        return -1;
+    const int fd = std::atoi(temp.c_str() + sizeof kProcFd - 1);
+    std::lock_guard<std::mutex> locked(unnamedLock);
+    return unnamedFds.count(fd) && procPath(fd) == temp ? fd : -1;
+}
+
+void closeUnnamed(int fd)
+{
+    {
+        std::lock_guard<std::mutex> locked(unnamedLock);
+        unnamedFds.erase(fd);
+    }
+    ::close(fd);
+}
+
+// "<dir>/.<name>.sova-" and six random characters, as named temporaries are called.
+std::string hiddenNameBeside(const std::string& target)
+{
+    static const char letters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+    thread_local std::mt19937_64 random(std::random_device {}() ^ uint64_t(::getpid()) << 32);
+    const size_t slash = target.rfind('/');
+    std::string name = directoryOf(target) + "."
+        + (slash == std::string::npos ? target : target.substr(slash + 1)) + ".sova-";
+    for (int i = 0; i < 6; ++i)
+        name += letters[random() % (sizeof letters - 1)];
+    return name;
+}
+
+// Names the unnamed file open at fd target, replacing what is there: straight to target when
+// nothing is (one atomic step), else through a hidden name and a rename. A kill between those
+// two steps is the one moment such a name can stay behind. errno set on failure.
+bool nameUnnamed(int fd, const std::string& target)
+{
+    const std::string proc = procPath(fd);
+    const auto link = [&](const std::string& name) {
+        return ::linkat(AT_FDCWD, proc.c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) == 0;
+    };
+    if (link(target))
+        return true;
+    if (errno != EEXIST)
+        return false;
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        const std::string hidden = hiddenNameBeside(target);
+        sova::audio::registerTemporary(hidden);
+        if (!link(hidden)) {
+            const int err = errno;
+            sova::audio::releaseTemporary(hidden);
+            if (err == EEXIST)
+                continue;
+            errno = err;
+            return false;
+        }
+        const bool renamed = ::rename(hidden.c_str(), target.c_str()) == 0;
+        const int err = errno;
+        if (!renamed)
+            ::unlink(hidden.c_str());
+        sova::audio::releaseTemporary(hidden);
+        errno = err;
+        return renamed;
+    }
+    return false;
 }
 
 } // namespace
@@ -72,6 +156,73 @@ void releaseTemporary(const std::string& path)
             return;
         }
     }
+}
+
+std::string makeUnnamedBeside(const std::string& target)
+{
+    const std::string dir = directoryOf(target);
+    // The mode a plain create gives; a file it replaces lends its own at the commit.
+    const int fd = ::open(dir.empty() ? "." : dir.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0666);
+    if (fd < 0)
+        return std::string(); // not offered here (EOPNOTSUPP, EISDIR, EINVAL): a named one
+    const std::string proc = procPath(fd);
+    if (::access(proc.c_str(), F_OK) != 0) { // no /proc to reopen or name it through
+        ::close(fd);
+        return std::string();
+    }
+    std::lock_guard<std::mutex> locked(unnamedLock);
+    unnamedFds.insert(fd);
+    return proc;
+}
+
+bool commitTemporary(const std::string& temp, const std::string& target)
+{
+    const int unnamed = unnamedFd(temp);
+    const int fd = unnamed >= 0 ? unnamed : ::open(temp.c_str(), O_RDONLY | O_CLOEXEC);
+    // The data reaches the disk before the name does: a power cut after the rename must not
+    // leave the target empty.
+    bool ok = fd >= 0 && ::fsync(fd) == 0;
+    if (ok && unnamed >= 0) {
+        struct stat existing;
+        if (::stat(target.c_str(), &existing) == 0)
+            ::fchmod(fd, existing.st_mode & 07777);
+        ok = nameUnnamed(fd, target);
+    } else if (ok) {
+        ok = ::rename(temp.c_str(), target.c_str()) == 0;
+    }
+    const int err = errno;
+    if (unnamed < 0 && fd >= 0)
+        ::close(fd);
+    if (!ok) {
+        setError(BLERR_WRITE_FAILED, "cannot write '%s': %s", target.c_str(), std::strerror(err));
+        return false;
+    }
+    if (unnamed >= 0)
+        closeUnnamed(unnamed);
+    else
+        releaseTemporary(temp);
+    const std::string dir = directoryOf(target);
+    const int dirFd = ::open(dir.empty() ? "." : dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dirFd >= 0) {
+        ::fsync(dirFd);
+        ::close(dirFd);
+    }
+    return true;
+}
+
+void discardTemporary(const std::string& temp)
+{
+    if (temp.empty())
+        return;
+    const int unnamed = unnamedFd(temp);
+    if (unnamed >= 0) {
+        closeUnnamed(unnamed);
+        return;
+    }
+    const int saved = errno;
+    ::unlink(temp.c_str());
+    errno = saved;
+    releaseTemporary(temp);
 }
 
 bool planOutput(const std::string& path, OutputPlan& plan)
@@ -122,6 +273,15 @@ bool planOutput(const std::string& path, OutputPlan& plan)
 _HFile* openSpool(const std::string& forPath)
 {
     const char* dir = std::getenv("TMPDIR");
+    const std::string unnamed
+        = makeUnnamedBeside(std::string(dir && *dir ? dir : "/tmp") + "/.sova-spool");
+    if (!unnamed.empty()) {
+        _HFile* io = BLIO_Open(unnamed.c_str(), "w");
+        closeUnnamed(unnamedFd(unnamed)); // the handle keeps the file
+        if (!io)
+            setError(BLERROR_LastCode(), "'%s': %s", forPath.c_str(), BLERROR_LastMessage());
+        return io;
+    }
     std::string pattern = std::string(dir && *dir ? dir : "/tmp") + "/.sova-spool-XXXXXX";
     std::vector<char> name(pattern.begin(), pattern.end());
     name.push_back('\0');

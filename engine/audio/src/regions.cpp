@@ -532,10 +532,8 @@ bool writeWhole(const char* path, const std::string& text)
     _HFile* io = BLIO_Open(where.c_str(), plan.stream ? "wo" : "w");
     if (!io) {
         setError(BLERROR_LastCode(), "'%s': %s", path, BLERROR_LastMessage());
-        if (atomic) {
-            BLIO_RemoveFile(where.c_str());
-            sova::audio::releaseTemporary(where);
-        }
+        if (atomic)
+            sova::audio::discardTemporary(where);
         return false;
     }
     // Written in place: a failure removes the half-written target unless it is a device, a
@@ -552,13 +550,12 @@ bool writeWhole(const char* path, const std::string& text)
         setError(BLERROR_LastCode(), "'%s': %s", path, BLERROR_LastMessage());
     }
     if (atomic) {
-        if (ok && !BLIO_RenameFile(where.c_str(), plan.target.c_str())) {
+        if (ok && !sova::audio::commitTemporary(where, plan.target)) {
             ok = false;
             setError(BLERROR_LastCode(), "'%s': %s", path, BLERROR_LastMessage());
         }
         if (!ok)
-            BLIO_RemoveFile(where.c_str());
-        sova::audio::releaseTemporary(where);
+            sova::audio::discardTemporary(where);
     } else if (!ok && removable) {
         const int32_t code = BLERROR_LastCode();
         const std::string message = BLERROR_LastMessage();
