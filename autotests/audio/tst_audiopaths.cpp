@@ -117,8 +117,9 @@ private slots:
         QVERIFY(::stat(QFile::encodeName(fifo).constData(), &st) == 0 && S_ISFIFO(st.st_mode));
     }
 
-    // What a signal handler calls: the temporary of an unfinished file goes, the file that
-    // was at the target stays as it was.
+    // What a signal handler calls: the temporary of an unfinished file goes (a named one;
+    // where the file system has unnamed ones there is nothing to remove), the file that was at
+    // the target stays as it was.
     void removeTemporaryFilesLeavesTarget()
     {
         QTemporaryDir dir;
@@ -130,8 +131,9 @@ private slots:
         AUDIOFILE* first = create(target, "wav");
         AUDIOFILE* second = create(dir.filePath(QStringLiteral("other.wav")), "wav");
         QVERIFY(first && second);
-        QCOMPARE(hidden(dir.path()).size(), 2);
-        QCOMPARE(AUDIO_RemoveTemporaryFiles(), 2);
+        const int named = int(hidden(dir.path()).size());
+        QVERIFY(named == 0 || named == 2);
+        QCOMPARE(AUDIO_RemoveTemporaryFiles(), named);
         QVERIFY(hidden(dir.path()).isEmpty());
         QCOMPARE(AUDIO_RemoveTemporaryFiles(), 0);
         AUDIO_AbandonFile(first);

@@ -296,9 +296,8 @@ private slots:
     }
 
     // A writer killed at random moments leaves the old file or the new one: it always parses
-    // and holds one consistent save (payload matching the counter's parity), never a mix.
-    // A kill between creating and renaming a temporary file may leave that file behind; only
-    // the target is checked.
+    // and holds one consistent save (payload matching the counter's parity), never a mix, and
+    // no temporary file beside it (only the writers' lock file).
     void crashSafety()
     {
         QTemporaryDir dir;
@@ -324,6 +323,10 @@ private slots:
             const int counter = BLSETTINGS_GetIntEx(reread.get(), "counter=[-1]");
             QVERIFY(counter >= 0);
             QCOMPARE(B(BLSETTINGS_GetStringEx(reread.get(), "payload")), counter % 2 ? b : a);
+            QStringList left
+                = QDir(dir.path()).entryList(QDir::Files | QDir::Hidden | QDir::System);
+            left.removeOne(".user.conf.lock");
+            QCOMPARE(left, QStringList({"user.conf"}));
         }
     }
 
