@@ -349,13 +349,16 @@ SOVAAUDIO_EXPORT int32_t AUDIO_ConvertEx(const AUDIO_Progress* progress, const c
  *   removed.
  * - A symbolic link is kept: the file at the end of its chain is replaced (created when the
  *   chain ends nowhere), through a temporary beside that file.
+ * - That temporary is unnamed (O_TMPFILE) where the file system offers it, and named only at
+ *   the close: a process that dies meanwhile leaves nothing. Elsewhere it is a hidden
+ *   ".NAME.sova-XXXXXX". The close syncs the data before the rename and the directory after.
  * - A stream that cannot seek (a pipe, a terminal) gets formats that are written straight
  *   through as they are made; formats whose headers are finished last (WAV, AIFF, CAF, ...)
  *   are assembled in an unlinked temporary file under $TMPDIR and copied out when complete.
  *   Input that cannot seek is likewise copied to such a file before it is read.
  *
- * Removes every temporary file that open writers have beside their targets (the target
- * itself is left as it was). Async-signal-safe: meant for a SIGINT/SIGTERM/SIGHUP handler
+ * Removes every named temporary file that open writers have beside their targets (the target
+ * itself is left as it was; unnamed ones need no removal). Async-signal-safe: meant for a SIGINT/SIGTERM/SIGHUP handler
  * that then ends the process; the writers are unusable afterwards. The count removed. */
 SOVAAUDIO_EXPORT int32_t AUDIO_RemoveTemporaryFiles(void);
 

@@ -19,8 +19,15 @@
  * Blank lines and lines starting with '#' or ';' are comments. Blanks around the key and the
  * value are dropped; in a value "\\\\", "\\n", "\\r", "\\t" and "\\s" (a blank, at either end)
  * stand for themselves. Lines that do not parse are skipped when read. FlushEx writes the
- * values (not the defaults), sorted by key, to a temporary file in the same directory, syncs
- * it and renames it over the file: a crash leaves the old file or the new one, never a mix.
+ * values (not the defaults), sorted by key, to a temporary file in the same directory (unnamed
+ * where the file system allows), syncs it and renames it over the file: a crash leaves the
+ * old file or the new one, never a mix, and no temporary file.
+ *
+ * Other processes may write the same user's file. FlushEx holds an advisory lock (flock on
+ * ".NAME.lock", left beside the file) while it re-reads the file and applies the store's own
+ * changes since it read or wrote the file (values set, reset or deleted) on top of what the
+ * file holds then; the store afterwards reads the file's other values too. A user's file that
+ * is not text (a NUL byte, invalid UTF-8) is not taken on and never replaced.
  *
  * Secrets (ChangeSecretEx) never reach the user's file. They are kept in the file named like
  * it with ".secrets" appended (mode 0600), each value encrypted with XSalsa20-Poly1305 under a
@@ -109,9 +116,11 @@ SOVAFOUNDATION_EXPORT const char* BLSETTINGS_GetSecretStringEx(_BLSETTINGS* sett
 SOVAFOUNDATION_EXPORT BLLIST* BLSETTINGS_ListSettingsEx(_BLSETTINGS* settings,
                                                         const char* prefix);
 
-/* Writes the values to the user's file (atomically, see above). With force 0 nothing is
- * written when nothing changed since the last read or write. 1 on success; 0 when the store
- * has no user file or the write failed (reason in the error slot). */
+/* Writes the store's changes to the user's file (atomically, under its lock, see above). With
+ * force 0 nothing is written when nothing changed since the last read or write. 1 on success;
+ * 0 when the store has no user file, its file is not a settings file, the lock was not had
+ * within a few seconds ("'NAME' is locked by another writer") or the write failed (reason in
+ * the error slot). */
 SOVAFOUNDATION_EXPORT int32_t BLSETTINGS_FlushEx(_BLSETTINGS* settings, int32_t force);
 
 #ifdef __cplusplus
