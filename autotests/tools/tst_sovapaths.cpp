@@ -86,11 +86,11 @@ private:
     // temporary reads as "dir/#inode (deleted)").
     static bool writesInto(qint64 pid, const QString& dir)
     {
-        const QString fds = QStringLiteral("/proc/%1/fd").arg(pid);
-        for (const QString& fd : QDir(fds).entryList(QDir::System | QDir::NoDotAndDotDot)) {
+        for (int fd = 0; fd < 1024; ++fd) {
             char target[4096];
-            const ssize_t n = ::readlink(QFile::encodeName(fds + '/' + fd).constData(), target,
-                sizeof target - 1);
+            const QByteArray link
+                = QByteArray("/proc/") + QByteArray::number(pid) + "/fd/" + QByteArray::number(fd);
+            const ssize_t n = ::readlink(link.constData(), target, sizeof target - 1);
             if (n > 0 && QByteArray(target, int(n)).startsWith(QFile::encodeName(dir + '/')))
                 return true;
         }
