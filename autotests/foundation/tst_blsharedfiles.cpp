@@ -65,6 +65,32 @@ private slots:
         QCOMPARE(QByteArray(BLSETTINGS_GetStringEx(two.get(), "c=[none]")), QByteArray("3"));
     }
 
+    // Secrets are kept beside the file: two stores each changing its own secret, the first
+    // one creating the key file, keep both, and a deletion drops only its own.
+    void secretsKeepOthersChanges()
+    {
+        QTemporaryDir dir;
+        const QByteArray name = QFile::encodeName(dir.filePath("user.conf"));
+        Store one(BLSETTINGS_Create(name, nullptr), BLSETTINGS_Destroy);
+        Store two(BLSETTINGS_Create(name, nullptr), BLSETTINGS_Destroy);
+        QVERIFY(BLSETTINGS_ChangeSecretEx(one.get(), "pw=first"));
+        QVERIFY(BLSETTINGS_ChangeSecretEx(two.get(), "token=second"));
+        QVERIFY(BLSETTINGS_ChangeSecretEx(one.get(), "gone=soon"));
+        Store three(BLSETTINGS_Create(name, nullptr), BLSETTINGS_Destroy);
+        QCOMPARE(QByteArray(BLSETTINGS_GetSecretStringEx(three.get(), "pw=[none]")),
+            QByteArray("first"));
+        QCOMPARE(QByteArray(BLSETTINGS_GetSecretStringEx(three.get(), "token=[none]")),
+            QByteArray("second"));
+        QCOMPARE(QByteArray(BLSETTINGS_GetSecretStringEx(three.get(), "gone=[none]")),
+            QByteArray("soon"));
+        QVERIFY(BLSETTINGS_DeleteEx(one.get(), "gone"));
+        Store four(BLSETTINGS_Create(name, nullptr), BLSETTINGS_Destroy);
+        QCOMPARE(QByteArray(BLSETTINGS_GetSecretStringEx(four.get(), "gone=[none]")),
+            QByteArray("none"));
+        QCOMPARE(QByteArray(BLSETTINGS_GetSecretStringEx(four.get(), "token=[none]")),
+            QByteArray("second"));
+    }
+
     void iniKeepsOthersChanges_data()
     {
         QTest::addColumn<bool>("created"); // the second handle is made by Create, not Open

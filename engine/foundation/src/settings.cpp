@@ -485,33 +485,61 @@ void readSecrets(const std::string& userFile, SecretKey& key, bool& haveKey, Tex
     }
 }
 
-// Writes every secret of the store beside its user's file, creating the key file on first
-// use. Called under the store's exclusive lock; nothing to do without a user's file.
-bool writeSecrets(Store& store)
+void wipeAssign(std::string& target, const std::string& text);
+
+// Writes the store's change of the secret `name` (its text, or its absence) beside the user's
+// file, creating the key file on first use. Other processes keep secrets there too: under the
+// user's file's lock, the change goes on top of the secrets as they are then, sealed with the
+// key on disk, and the store takes those secrets on. Called under the store's exclusive lock;
+// nothing to do without a user's file.
+bool writeSecrets(Store& store, const std::string& name)
 {
     if (store.userFile.empty())
         return true;
     if (!sodiumReady())
         return false;
-    if (!store.haveSecretKey) {
-        const std::string keyFile = store.userFile + ".key";
-        if (!readSecretKey(keyFile, store.secretKey)) {
-            if (BLERROR_LastCode() != BLERR_NOT_FOUND)
-                return false;
-            randombytes_buf(store.secretKey.data(), store.secretKey.size());
-            const std::string_view bytes(reinterpret_cast<const char*>(store.secretKey.data()),
-                                         store.secretKey.size());
-            if (!sova::writeFileAtomically(keyFile, bytes, 0600))
-                return false;
-        }
-        store.haveSecretKey = true;
+    sova::FileLock fileLock;
+    if (!fileLock.acquire(store.userFile))
+        return false;
+    const std::string keyFile = store.userFile + ".key";
+    if (!readSecretKey(keyFile, store.secretKey)) {
+        if (BLERROR_LastCode() != BLERR_NOT_FOUND)
+            return false;
+        randombytes_buf(store.secretKey.data(), store.secretKey.size());
+        const std::string_view bytes(reinterpret_cast<const char*>(store.secretKey.data()),
+                                     store.secretKey.size());
+        if (!sova::writeFileAtomically(keyFile, bytes, 0600))
+            return false;
+    }
+    store.haveSecretKey = true;
+    TextMap current;
+    SecretKey key{};
+    bool haveKey = false;
+    readSecrets(store.userFile, key, haveKey, current);
+    sodium_memzero(key.data(), key.size());
+    const auto own = store.secrets.find(name);
+    if (own != store.secrets.end()) {
+        wipeAssign(current[name], own->second);
+    } else if (current.count(name)) {
+        sodium_memzero(current[name].data(), current[name].size());
+        current.erase(name);
     }
     TextMap sealed;
-    for (const auto& [name, text] : store.secrets)
-        sealed[name] = sealSecret(store.secretKey, name, text);
-    return sova::writeFileAtomically(store.userFile + ".secrets",
-                                     formatLines("# sova secrets: encrypted, do not edit\n", sealed),
-                                     0600);
+    for (const auto& [secretName, text] : current)
+        sealed[secretName] = sealSecret(store.secretKey, secretName, text);
+    const bool written = sova::writeFileAtomically(
+        store.userFile + ".secrets",
+        formatLines("# sova secrets: encrypted, do not edit\n", sealed), 0600);
+    if (written) {
+        for (auto& secret : store.secrets)
+            sodium_memzero(secret.second.data(), secret.second.size());
+        store.secrets.clear();
+        for (const auto& [secretName, text] : current)
+            wipeAssign(store.secrets[secretName], text);
+    }
+    for (auto& secret : current)
+        sodium_memzero(secret.second.data(), secret.second.size());
+    return written;
 }
 
 void wipeAssign(std::string& target, const std::string& text)
@@ -665,7 +693,7 @@ int32_t BLSETTINGS_ChangeSecretEx(_BLSETTINGS* settings, const char* request)
             previous = old->second;
         wipeAssign(store.secrets[key], value);
         sodium_memzero(value.data(), value.size());
-        const bool written = writeSecrets(store);
+        const bool written = writeSecrets(store, key);
         if (!written) { // keep memory and file in step
             if (previous)
                 wipeAssign(store.secrets[key], *previous);
@@ -712,7 +740,7 @@ int32_t BLSETTINGS_DeleteEx(_BLSETTINGS* settings, const char* key)
             sodium_memzero(secret->second.data(), secret->second.size());
             store.secrets.erase(secret);
             dropped = true;
-            if (!writeSecrets(store))
+            if (!writeSecrets(store, name))
                 return 0;
         }
         if (!dropped)
@@ -846,21 +874,22 @@ int32_t BLSETTINGS_FlushEx(_BLSETTINGS* settings, int32_t force)
             changes = store.pending;
         }
         // Other processes write the same file: under its lock, the file as it is now with this
-        // store's own changes on top.
-        sova::FileLock fileLock;
-        if (!fileLock.acquire(path))
-            return 0;
+        // store's own changes on top. The lock goes before the store's lock is taken (a
+        // secret's change takes them the other way round).
         TextMap values;
-        if (!readSettingsFile(path, values))
-            return 0;
-        for (const auto& [name, text] : changes) {
-            if (text)
-                values[name] = *text;
-            else
-                values.erase(name);
+        {
+            sova::FileLock fileLock;
+            if (!fileLock.acquire(path) || !readSettingsFile(path, values))
+                return 0;
+            for (const auto& [name, text] : changes) {
+                if (text)
+                    values[name] = *text;
+                else
+                    values.erase(name);
+            }
+            if (!sova::writeFileAtomically(path, formatLines("# sova settings\n", values), 0644))
+                return 0;
         }
-        if (!sova::writeFileAtomically(path, formatLines("# sova settings\n", values), 0644))
-            return 0;
         // The store now reads what the file holds, except where it changed again meanwhile.
         std::unique_lock<std::shared_mutex> locked(store.lock);
         if (store.userFile != path)

@@ -33,7 +33,8 @@
  * it with ".secrets" appended (mode 0600), each value encrypted with XSalsa20-Poly1305 under a
  * random key kept in the file with ".key" appended (mode 0600). This keeps secrets out of the
  * settings file and out of any copy that lacks the key file; it does not protect them from
- * someone who can read both files as the user.
+ * someone who can read both files as the user. A secret's change is written at once, under
+ * the user's file's lock, on top of the secrets the file holds then (the store takes those on).
  *
  * Every function is thread-safe: any thread may read and write the same store. A null store
  * means the process-wide store, which exists from first use until the process ends. */
