@@ -253,8 +253,8 @@ bool FileLock::acquire(const std::string& path)
     if (fd_ < 0 && (errno == EACCES || errno == EROFS))
         fd_ = ::open(lockPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW); // flock needs no more
     if (fd_ < 0) {
-        BLERROR_Set(BLERR_WRITE_FAILED, "cannot lock '%s': cannot open '%s': %s", path.c_str(),
-                    lockPath.c_str(), std::strerror(errno));
+        BLERROR_Set(BLERR_WRITE_FAILED, "cannot write '%s': %s (its lock file '%s')",
+                    path.c_str(), std::strerror(errno), lockPath.c_str());
         return false;
     }
     const auto deadline = std::chrono::steady_clock::now() + kLockWait;

@@ -350,7 +350,8 @@ SOVAAUDIO_EXPORT int32_t AUDIO_ConvertEx(const AUDIO_Progress* progress, const c
  * - A symbolic link is kept: the file at the end of its chain is replaced (created when the
  *   chain ends nowhere), through a temporary beside that file.
  * - That temporary is unnamed (O_TMPFILE) where the file system offers it, and named only at
- *   the close: a process that dies meanwhile leaves nothing. Elsewhere it is a hidden
+ *   the close: a process that dies meanwhile leaves nothing (but for the instant between
+ *   linking the finished file under a hidden name and renaming it over an existing target). Elsewhere it is a hidden
  *   ".NAME.sova-XXXXXX". The close syncs the data before the rename and the directory after.
  * - A stream that cannot seek (a pipe, a terminal) gets formats that are written straight
  *   through as they are made; formats whose headers are finished last (WAV, AIFF, CAF, ...)
