@@ -6,12 +6,14 @@
 
 #include <QtTest>
 
+#include <cstddef>
 #include <cstdio>
 #include <functional>
 #include <vector>
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#include <sanitizer/allocator_interface.h>
+// The sanitizer runtimes' heap statistics (GCC installs no header for them).
+extern "C" size_t __sanitizer_get_current_allocated_bytes();
 #define SOVA_SANITIZED 1
 #endif
 
