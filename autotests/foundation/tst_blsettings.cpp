@@ -323,11 +323,29 @@ private slots:
             const int counter = BLSETTINGS_GetIntEx(reread.get(), "counter=[-1]");
             QVERIFY(counter >= 0);
             QCOMPARE(B(BLSETTINGS_GetStringEx(reread.get(), "payload")), counter % 2 ? b : a);
+            // A kill between naming the new file and renaming it over the old one leaves that
+            // name (a whole copy) until the next writer; nothing else may be left.
             QStringList left
                 = QDir(dir.path()).entryList(QDir::Files | QDir::Hidden | QDir::System);
             left.removeOne(".user.conf.lock");
-            QCOMPARE(left, QStringList({"user.conf"}));
+            left.removeOne("user.conf");
+            for (const QString& name : left)
+                QVERIFY2(name.startsWith(".user.conf.sova-"), qPrintable(name));
         }
+        // The next writer removes what dead ones left, and never a live writer's file.
+        const pid_t dead = ::fork();
+        if (dead == 0)
+            ::_exit(0);
+        QCOMPARE(::waitpid(dead, nullptr, 0), dead);
+        const QString deadCopy = QStringLiteral(".user.conf.sova-%1-abcdef").arg(dead);
+        const QString liveCopy = QStringLiteral(".user.conf.sova-%1-abcdef").arg(::getpid());
+        file(dir.filePath(deadCopy), "payload = x\n");
+        file(dir.filePath(liveCopy), "payload = x\n");
+        Store last = open(user);
+        BLSETTINGS_ChangeEx(last.get(), "counter=100");
+        QVERIFY(BLSETTINGS_FlushEx(last.get(), 1));
+        QCOMPARE(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden | QDir::System),
+                 QStringList({".user.conf.lock", liveCopy, "user.conf"}));
     }
 
     // Four threads write their own keys and one shared key while reading, listing and

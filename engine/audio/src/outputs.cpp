@@ -4,6 +4,7 @@
 #include "backend.h"
 
 #include <sova/blerror.h>
+#include <sova/blio.h>
 
 #include <atomic>
 #include <cerrno>
@@ -75,54 +76,6 @@ void closeUnnamed(int fd)
     ::close(fd);
 }
 
-// "<dir>/.<name>.sova-" and six random characters, as named temporaries are called.
-std::string hiddenNameBeside(const std::string& target)
-{
-    static const char letters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
-    thread_local std::mt19937_64 random(std::random_device {}() ^ uint64_t(::getpid()) << 32);
-    const size_t slash = target.rfind('/');
-    std::string name = directoryOf(target) + "."
-        + (slash == std::string::npos ? target : target.substr(slash + 1)) + ".sova-";
-    for (int i = 0; i < 6; ++i)
-        name += letters[random() % (sizeof letters - 1)];
-    return name;
-}
-
-// Names the unnamed file open at fd target, replacing what is there: straight to target when
-// nothing is (one atomic step), else through a hidden name and a rename. A kill between those
-// two steps is the one moment such a name can stay behind. errno set on failure.
-bool nameUnnamed(int fd, const std::string& target)
-{
-    const std::string proc = procPath(fd);
-    const auto link = [&](const std::string& name) {
-        return ::linkat(AT_FDCWD, proc.c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) == 0;
-    };
-    if (link(target))
-        return true;
-    if (errno != EEXIST)
-        return false;
-    for (int attempt = 0; attempt < 100; ++attempt) {
-        const std::string hidden = hiddenNameBeside(target);
-        sova::audio::registerTemporary(hidden);
-        if (!link(hidden)) {
-            const int err = errno;
-            sova::audio::releaseTemporary(hidden);
-            if (err == EEXIST)
-                continue;
-            errno = err;
-            return false;
-        }
-        const bool renamed = ::rename(hidden.c_str(), target.c_str()) == 0;
-        const int err = errno;
-        if (!renamed)
-            ::unlink(hidden.c_str());
-        sova::audio::releaseTemporary(hidden);
-        errno = err;
-        return renamed;
-    }
-    return false;
-}
-
 } // namespace
 
 namespace sova::audio {
@@ -186,7 +139,7 @@ bool commitTemporary(const std::string& temp, const std::string& target)
         struct stat existing;
         if (::stat(target.c_str(), &existing) == 0)
             ::fchmod(fd, existing.st_mode & 07777);
-        ok = nameUnnamed(fd, target);
+        ok = BLIO_NameUnnamedFile(fd, target.c_str()) == 1;
     } else if (ok) {
         ok = ::rename(temp.c_str(), target.c_str()) == 0;
     }

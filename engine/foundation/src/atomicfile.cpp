@@ -1,17 +1,21 @@
 #include "atomicfile.h"
 
 #include <sova/blerror.h>
+#include <sova/blio.h>
 
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <random>
 #include <thread>
 #include <vector>
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -53,49 +57,41 @@ std::string nameOf(const std::string& path)
     return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
-// "<dir>/.<name>." followed by six random characters: a name for a new file beside path.
+// "<dir>/.<name>.sova-<pid>-" and six random characters: a name for a new file beside path
+// that tells which process made it.
 std::string hiddenNameBeside(const std::string& path)
 {
     static const char letters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
     thread_local std::mt19937_64 random(std::random_device {}() ^ uint64_t(::getpid()) << 32);
-    std::string name = directoryOf(path) + "/." + nameOf(path) + ".";
+    std::string name = directoryOf(path) + "/." + nameOf(path) + ".sova-"
+        + std::to_string(::getpid()) + "-";
     for (int i = 0; i < 6; ++i)
         name += letters[random() % (sizeof letters - 1)];
     return name;
 }
 
-// Gives the unnamed file open at fd the name path, replacing what is there: straight to path
-// when nothing is (one atomic step), else through a hidden name and a rename. A kill between
-// those two steps is the one moment such a name can stay behind. errno set on failure.
-bool nameUnnamed(int fd, const std::string& path)
+// Removes the hidden names beside path of writers that died between naming their file and
+// renaming it over path (a complete copy each, the one thing a kill can leave): those whose
+// process is gone. A live writer's name is never touched.
+void removeOrphans(const std::string& path)
 {
-    char proc[64];
-    std::snprintf(proc, sizeof proc, "/proc/self/fd/%d", fd);
-    const auto link = [&](const std::string& name) {
-        if (::linkat(AT_FDCWD, proc, AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) == 0)
-            return true;
-        // Without /proc; AT_EMPTY_PATH needs a privilege most callers lack.
-        return errno == ENOENT && ::linkat(fd, "", AT_FDCWD, name.c_str(), AT_EMPTY_PATH) == 0;
-    };
-    if (link(path))
-        return true;
-    if (errno != EEXIST)
-        return false;
-    for (int attempt = 0; attempt < 100; ++attempt) {
-        const std::string hidden = hiddenNameBeside(path);
-        if (!link(hidden)) {
-            if (errno == EEXIST)
-                continue;
-            return false;
-        }
-        if (::rename(hidden.c_str(), path.c_str()) == 0)
-            return true;
-        const int err = errno;
-        ::unlink(hidden.c_str());
-        errno = err;
-        return false;
+    DIR* dir = ::opendir(directoryOf(path).c_str());
+    if (!dir)
+        return;
+    const std::string prefix = "." + nameOf(path) + ".sova-";
+    while (const dirent* entry = ::readdir(dir)) {
+        if (std::strncmp(entry->d_name, prefix.c_str(), prefix.size()) != 0)
+            continue;
+        const char* rest = entry->d_name + prefix.size();
+        char* end = nullptr;
+        const long pid = std::strtol(rest, &end, 10);
+        if (end == rest || pid <= 0 || *end != '-' || std::strlen(end + 1) != 6)
+            continue;
+        if (::kill(pid_t(pid), 0) == 0 || errno != ESRCH)
+            continue;
+        ::unlinkat(::dirfd(dir), entry->d_name, 0);
     }
-    return false;
+    ::closedir(dir);
 }
 
 } // namespace
@@ -140,7 +136,7 @@ bool writeFileAtomically(const std::string& path, std::string_view content, mode
     }
     bool done = writeAll(fd, content.data(), content.size()) && ::fsync(fd) == 0;
     if (done)
-        done = named.empty() ? nameUnnamed(fd, path) : ::rename(named.c_str(), path.c_str()) == 0;
+        done = named.empty() ? BLIO_NameUnnamedFile(fd, path.c_str()) == 1 : ::rename(named.c_str(), path.c_str()) == 0;
     const int err = errno;
     ::close(fd);
     if (!done) {
@@ -279,3 +275,42 @@ bool FileLock::acquire(const std::string& path)
 }
 
 } // namespace sova
+
+extern "C" int32_t BLIO_NameUnnamedFile(int32_t fd, const char* path)
+{
+    if (fd < 0 || !path || !*path) {
+        errno = EINVAL;
+        return 0;
+    }
+    const std::string target(path);
+    char proc[64];
+    std::snprintf(proc, sizeof proc, "/proc/self/fd/%d", int(fd));
+    const auto link = [&](const std::string& name) {
+        if (::linkat(AT_FDCWD, proc, AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) == 0)
+            return true;
+        // Without /proc; AT_EMPTY_PATH needs a privilege most callers lack.
+        return errno == ENOENT && ::linkat(fd, "", AT_FDCWD, name.c_str(), AT_EMPTY_PATH) == 0;
+    };
+    if (link(target))
+        return 1;
+    if (errno != EEXIST)
+        return 0;
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        const std::string hidden = sova::hiddenNameBeside(target);
+        if (!link(hidden)) {
+            if (errno == EEXIST)
+                continue;
+            return 0;
+        }
+        if (::rename(hidden.c_str(), target.c_str()) != 0) {
+            const int err = errno;
+            ::unlink(hidden.c_str());
+            errno = err;
+            return 0;
+        }
+        sova::removeOrphans(target);
+        return 1;
+    }
+    errno = EEXIST;
+    return 0;
+}

@@ -259,6 +259,13 @@ SOVAFOUNDATION_EXPORT int32_t BLIO_ParseOpenDescriptor(const char* descriptor,
  * user or from the content of a file. */
 SOVAFOUNDATION_EXPORT int32_t BLIO_NamesMemoryAddress(const char* path);
 
+/* Gives the unnamed file open at fd (opened with O_TMPFILE in path's directory) the local name
+ * path, replacing a file there: in one step when there is none, else through a hidden name
+ * ".NAME.sova-PID-XXXXXX" and a rename. A writer killed between those two steps leaves that
+ * hidden name, a complete copy; the next writer of path removes it once PID is gone. The caller
+ * syncs the data first and the directory after. 1 on success; 0 with errno set. */
+SOVAFOUNDATION_EXPORT int32_t BLIO_NameUnnamedFile(int32_t fd, const char* path);
+
 #ifdef __cplusplus
 }
 #endif
