@@ -25,8 +25,12 @@ std::string g_paths[2]; // input and output files of this process, removed at ex
 
 void removeTempFiles()
 {
-    for (const std::string& path : g_paths)
+    for (const std::string& path : g_paths) {
         std::remove(path.c_str());
+        // The writers' lock file beside each target.
+        const size_t slash = path.rfind('/');
+        std::remove((path.substr(0, slash + 1) + "." + path.substr(slash + 1) + ".lock").c_str());
+    }
 }
 
 const std::string& tempPath(int which)
