@@ -13,7 +13,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
-#include <random>
 #include <set>
 #include <string>
 #include <vector>
